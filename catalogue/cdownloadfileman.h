@@ -1,0 +1,85 @@
+#pragma once
+
+#include "kelo_export.h"
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+class QFile;
+class QNetworkAccessManager;
+class QNetworkReply;
+
+/// One dish picture to fetch into the picture cache.
+struct tagDownFileInfo
+{
+    QString url;                  ///< address to fetch; replaced by a redirect target
+    QString localPath;            ///< cache file path: <data>/images/<id><extension>
+    unsigned long long stamp = 0; ///< modification time in ms since the epoch; 0 = unknown
+    int id = 0;                   ///< dish id ("item_id")
+    bool useCache = true;         ///< reported to the host as "img_cache"
+    bool fileReady = false;       ///< true once the local file holds the current picture
+};
+
+/**
+ * @brief Fetches the pictures of one menu into the picture cache, one file at a time.
+ *
+ * A cached file is reused when its modification second equals the catalogue's stamp. When the
+ * list is through, the menu is rewritten (Libcmn::updateDataFoods) and NotifyComplete() carries
+ * it; NotifyComplete() is emitted once per run, whatever failed on the way.
+ */
+class KELO_EXPORT CDownloadFileMan : public QObject
+{
+    Q_OBJECT
+public:
+    /// @p debug enables this manager's log lines.
+    CDownloadFileMan(bool debug, QObject* parent);
+    ~CDownloadFileMan() override;
+
+    /// Appends one picture to the list.
+    void AddDownLoadFile(const tagDownFileInfo& info);
+    /// The list, by reference.
+    QList<tagDownFileInfo>& GetListFile();
+    /// Stores the menu reply text that NotifyComplete() will carry, rewritten.
+    void SetData(const QString& data);
+    /// The stored menu reply text.
+    QString GetData() const;
+    /// True until the first run has completed.
+    bool IsRunFirstTime() const;
+    /// Empties the list; the cache bookkeeping of earlier runs is kept.
+    void Reset();
+    /// Starts the sequential download of the list.
+    void StartDownload();
+    /// Whether the current entry's file exists with the right modification second.
+    bool IsFileCached();
+    /// Deletes the current dish's pictures under any extension.
+    void DeleteOldFiles();
+    /// Ends the current entry (stamp, bookkeeping) and moves to the next.
+    void DownloadOneFileFinish();
+
+Q_SIGNALS:
+    /// Queued step to the next entry.
+    void NotifyDownloadNextFile();
+    /// Queued step to the end of the run.
+    void NotifyDownloadDone();
+    /// The run ended; @p data is the rewritten menu.
+    void NotifyComplete(const QString& data);
+
+public Q_SLOTS:
+    void HttpReadyRead();
+    void HttpDownloadFinished();
+    void DownloadNextFile();
+    void DownloadDone();
+
+private:
+    QList<tagDownFileInfo> fileList;
+    QList<int> cachedIds;
+    QList<int> modifiedIds;
+    int currentIndex = 0;
+    QFile* outputFile = nullptr;
+    QNetworkReply* reply = nullptr;
+    QNetworkAccessManager* networkManager = nullptr;
+    QString data;
+    bool firstRun = true;
+    bool debug;
+};

@@ -1,0 +1,18 @@
+# kelo_add_test(<name> [SOURCES extra.cpp ...] [TIMEOUT seconds] [LABELS ...])
+# Builds tests/tst_<name>.cpp (plus extra sources) into the QtTest executable tst_<name> and
+# registers it with CTest. Every test links the library, the in-process cloud and the helpers.
+function(kelo_add_test name)
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LABELS" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    add_executable(tst_${name} tst_${name}.cpp ${ARG_SOURCES})
+    target_link_libraries(tst_${name} PRIVATE kelotestsupport)
+    target_compile_options(tst_${name} PRIVATE -Wall -Wextra)
+    add_test(NAME ${name} COMMAND tst_${name})
+    set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT}
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_FORCE_STDERR_LOGGING=1")
+    if(ARG_LABELS)
+        set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
+    endif()
+endfunction()

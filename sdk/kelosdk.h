@@ -1,0 +1,128 @@
+#pragma once
+
+#include "kelo_export.h"
+
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+#include <QVariant>
+
+class HttpBase2;
+
+/**
+ * @brief The SDK object: one per merchant terminal.
+ *
+ * Create it on the thread that runs the host's event loop; every request slot answers through a
+ * signal on that thread. At most one request of each kind is in flight: a second one is refused
+ * with keloappError() and its busy code. Transport failures arrive as networkError() with the
+ * QNetworkReply::NetworkError value and Qt's text. The object opens the notification channel in
+ * its constructor and reports its state through cloudConnectionChange().
+ *
+ * The server host is compiled in; a non-empty environment variable KELO_SERVER_HOST (host or
+ * host:port) replaces it for objects constructed afterwards. TLS uses Qt's default
+ * configuration: a host that talks to a server with a private certificate authority adds that
+ * authority with QSslConfiguration::setDefaultConfiguration() before constructing the object.
+ */
+class KELO_EXPORT Kelosdk : public QObject
+{
+    Q_OBJECT
+public:
+    /// Staff role of a login.
+    enum user_type {
+        client = 0, ///< "client_login"
+        waiter = 1, ///< "waiter_login"
+        cashier = 2 ///< "cashier_login"
+    };
+
+    /// @p debug enables the "KELOSDK>> " log lines.
+    Kelosdk(const QString& merchantId, const QString& machineName, bool debug);
+    ~Kelosdk() override;
+
+Q_SIGNALS:
+    /// The notification channel connected (true) or is down (false; repeated every 3 s).
+    void cloudConnectionChange(bool connected);
+    /// A transport failure: QNetworkReply::NetworkError value and Qt's error text.
+    void networkError(int error, QString message);
+    /// A refusal by the SDK (codes 102 to 113) or by the server (its own code and text).
+    void keloappError(int error, QString message);
+    /// A server notification other than "payment_success": its event word.
+    void notify(QString msg);
+    /// Login answer: 0 on success, otherwise the server's code and text.
+    void userLoginDone(int error, QString msg);
+    /// Logout done (always 0, "User logout done!").
+    void userLogoutDone(int error, QString msg);
+    /// The logged-in user, emitted by userName().
+    void userIdname(int id, QString name);
+    /// The menu, with local picture paths, once every picture is fetched or given up.
+    void foodsRequestDone(QString data);
+    /// The server's answer to a food order.
+    void foodOrderRequestDone(QString data);
+    /// The server's table list.
+    void tableRequestDone(QString data);
+    /// The foods ordered at a table.
+    void tableFoodsDone(QString data);
+    /// The server's answer to a table merge (a built success text if the body was empty).
+    void tableMergeDone(QString data);
+    /// The whole "create" reply of an e-wallet invoice (the host reads the QR data from it).
+    void tumiQRInvoiceCode(QString data);
+    /// An e-wallet invoice was paid: {"dt":...,"err":-1,"msg":"payment_success"}.
+    void tumipayRequestDone(QString data);
+    /// The server's answer to an invoice cancel.
+    void tumipayCancelDone(QString data);
+    /// The server's answer to a table payment.
+    void paymentDone(QString data);
+
+public Q_SLOTS:
+    /// Logs a staff member in; answers with userLoginDone().
+    void userLogin(const QString& usr, const QString& pwd, Kelosdk::user_type usrtype = client);
+    /// Ends the session locally; answers with userLogoutDone() or keloappError(108, ...).
+    void userLogout();
+    /// Fills @p id and @p name and emits userIdname() when a user is logged in.
+    bool userName(int& id, QString& name);
+    /// True while a user is logged in.
+    bool userIslogged();
+    /// Requests the menu; foodsRequestDone() follows once the pictures are cached.
+    void foodsRequest();
+    /// Confirms an order: "table_id", "amount" and "items" of @p foodItems are sent.
+    void foodOrderRequest(const QJsonObject& foodItems);
+    /// Requests the table list.
+    void tableRequest();
+    /// Requests the foods ordered at @p tableId.
+    void tableFoodsRequest(int tableId);
+    /// Merges table @p frmtableId into @p totableId.
+    void tableMergeRequest(int frmtableId, int totableId);
+    /// Creates an e-wallet invoice of @p money; tumiQRInvoiceCode() carries the reply.
+    void tumipayRequest(long money, const QString& description, const QString& itemDetail);
+    /// Second step of the invoice chain: the signed "create" request.
+    void tumipayTransfers(const QString& sesId, long money, const QString& description,
+                          const QString& itemDetail);
+    /// Cancels the open invoice @p invoiceCode.
+    void tumipayCancel(const QString& invoiceCode);
+    /// Requests payment of @p amount for table @p tableId.
+    void paymentRequest(int tableId, int amount);
+    /// Handles a text frame of the notification channel.
+    void wssNotify(const QString& message);
+    /// Frees every request kind at once and forwards the error as networkError().
+    void onNetworkError(int error, const QString& message);
+    /// First step of the invoice chain: the invoice session request.
+    void transPermisionRequest(int paytype, long money, const QString& description,
+                               const QString& itemDetail);
+    /// Menu reply: starts the picture download.
+    void onFoodsReadyDownload(const QVariant& data);
+    /// "create" reply: stores the invoice code and emits tumiQRInvoiceCode() or keloappError().
+    void onTumipayQRInvoiceCode(const QVariant& data);
+
+private:
+    QString host;
+    QString httpsBase;
+    QString merchantId;
+    QString machineName;
+    QString clientUuid;
+    quint32 busyFlags = 0;
+    bool debugLog = false;
+    bool httpDebug = false;
+    QString invoiceCode;
+    QString currentUserName;
+    qint32 currentUserId = -1;
+    HttpBase2* transferRequest = nullptr;
+};

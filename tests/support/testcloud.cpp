@@ -1,0 +1,41 @@
+#include "testcloud.h"
+
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QtGlobal>
+
+TestCloud::TestCloud(Trust trust, const kelocloud::CloudOptions& options)
+    : cloud(new kelocloud::CloudServer(options)), trust(trust)
+{
+}
+
+TestCloud::~TestCloud() { cloud->stop(); }
+
+bool TestCloud::start()
+{
+    QString error;
+    if (!cloud->start(&error)) {
+        qWarning("test cloud did not start: %s", qPrintable(error));
+        return false;
+    }
+    if (trust == Trusted)
+        trustCertificateAuthority(cloud->caCertificatePem());
+    return true;
+}
+
+void TestCloud::pointSdkHere() const { qputenv("KELO_SERVER_HOST", hostPort().toUtf8()); }
+
+QString TestCloud::hostPort() const { return cloud->hostPort(); }
+
+QString TestCloud::baseUrl() const { return QStringLiteral("https://") + hostPort(); }
+
+QUrl TestCloud::url(const QString& path) const { return QUrl(baseUrl() + path); }
+
+void trustCertificateAuthority(const QByteArray& pem)
+{
+    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+    QList<QSslCertificate> cas = config.caCertificates();
+    cas.append(QSslCertificate::fromData(pem, QSsl::Pem));
+    config.setCaCertificates(cas);
+    QSslConfiguration::setDefaultConfiguration(config);
+}

@@ -1,0 +1,138 @@
+#pragma once
+
+#include "cloudstate.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QPair>
+#include <QString>
+#include <QStringList>
+#include <QUrlQuery>
+
+#include <memory>
+
+namespace kelocloud {
+
+/// One request as the server received it.
+struct CloudExchange
+{
+    QByteArray method; ///< "GET", "POST", ...
+    QByteArray target; ///< the request target as sent, e.g. "/kelo/api/item/?cm=getlist&dt=..."
+    QByteArray path;   ///< the target up to "?", e.g. "/kelo/api/item/"
+    QByteArray query;  ///< the raw query after "?", undecoded ("" when there is none)
+    bool hasQuery = false; ///< whether the target held a "?" at all
+    QByteArray body;   ///< the raw body
+    QList<QPair<QByteArray, QByteArray>> headers; ///< as received, in order
+
+    /// The value of header @p name (case-insensitive), or an empty array.
+    QByteArray header(const QByteArray& name) const;
+    bool hasHeader(const QByteArray& name) const;
+    /// The form parameters: from the query for GET, from the body for a form POST.
+    QUrlQuery params() const;
+    /// One form parameter, fully decoded.
+    QString param(const QString& key) const;
+};
+
+/// A scripted answer that replaces the normal one for the next matching request(s).
+struct CloudReply
+{
+    enum class Fault {
+        None,               ///< answer normally with status, headers and body
+        ResetBeforeHeaders, ///< close the connection abruptly before any byte of the answer
+        ResetMidBody,       ///< send the headers and half the body, then close abruptly
+        NeverAnswer         ///< keep the connection open and never answer (until stop/goDown)
+    };
+    int status = 200;
+    QByteArray body;
+    QList<QPair<QByteArray, QByteArray>> headers; ///< extra headers, e.g. Location for a redirect
+    int delayMs = 0;                              ///< wait this long before answering
+    Fault fault = Fault::None;
+};
+
+/// One attempt to open the notification socket.
+struct CloudUpgrade
+{
+    QUrlQuery query; ///< appuser, devid, ws_session, tk
+    bool accepted = false;
+};
+
+/// Start-up settings.
+struct CloudOptions
+{
+    quint16 port = 0;    ///< 0: a port chosen by the OS
+    QString caDir;       ///< where ca.pem and ca.key are written (or reused); empty: a temp dir
+    bool reuseCa = true; ///< reuse ca.pem/ca.key found in caDir instead of making new ones
+};
+
+/**
+ * The local cloud: HTTPS API, pictures and the notification WebSocket on one TLS port of
+ * 127.0.0.1, with a development certificate authority made at start. Runs on its own thread;
+ * every public function is thread-safe and may be called from a test's thread.
+ */
+class CloudServer
+{
+public:
+    explicit CloudServer(const CloudOptions& options = {});
+    ~CloudServer();
+
+    /// Makes (or reuses) the CA and the server certificate, binds 127.0.0.1 and starts serving.
+    bool start(QString* error = nullptr);
+    /// Stops serving and closes every connection.
+    void stop();
+
+    quint16 port() const;
+    /// "127.0.0.1:<port>", the value for KELO_SERVER_HOST.
+    QString hostPort() const;
+    /// Path of the CA certificate (PEM) that clients must trust.
+    QString caCertificatePath() const;
+    QByteArray caCertificatePem() const;
+
+    /// The simulated merchant (fixture, answers, invoices).
+    CloudState& state();
+
+    /// Every request received so far (WebSocket upgrades included), oldest first.
+    QList<CloudExchange> exchanges() const;
+    /// The requests whose path starts with @p pathPrefix and, if @p cm is not empty, whose "cm"
+    /// parameter equals it.
+    QList<CloudExchange> exchanges(const QByteArray& pathPrefix, const QString& cm = {}) const;
+    void clearExchanges();
+
+    /// The next @p times requests matching @p pathPrefix (and @p cm, if not empty) get @p reply.
+    void scriptReply(const QByteArray& pathPrefix, const QString& cm, const CloudReply& reply,
+                     int times = 1);
+    void clearScripts();
+
+    /// Serves @p content at @p path (GET), e.g. pictures for menu tests.
+    void putFile(const QByteArray& path, const QByteArray& content,
+                 const QByteArray& contentType = "image/png");
+
+    /// Notification channel.
+    int webSocketCount() const;
+    QStringList connectedDevices() const;
+    QList<CloudUpgrade> upgrades() const;
+    /// Sends a text frame to every socket of device @p devid; false if it has none.
+    bool pushText(const QString& devid, const QByteArray& text);
+    /// Sends a text frame to every open socket; returns how many got it.
+    int pushAll(const QByteArray& text);
+    /// false: stop answering pings (the client's keep-alive then fails).
+    void setAnswerPings(bool answer);
+    /// Closes every open WebSocket abruptly.
+    void dropWebSockets();
+    /// true: answer every upgrade with 403.
+    void setRefuseUpgrades(bool refuse);
+
+    /// Outage: close the listening socket and every connection (the port stays reserved).
+    void goDown();
+    /// Listen again on the same port.
+    bool comeBack();
+    bool isUp() const;
+
+    /// Marks an invoice paid and pushes "payment_success" to its device.
+    bool markInvoicePaid(const QString& invoiceCode);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> d;
+};
+
+} // namespace kelocloud
