@@ -1,0 +1,2 @@
+# HTTP transport: parameter lists and the request objects.
+kelo_add_test(httpparams TIMEOUT 30)
