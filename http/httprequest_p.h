@@ -133,7 +133,15 @@ template <class Owner> struct HttpRequest
             owner.reply->abort();
     }
 
-    static void destroy(Owner& owner) { delete owner.reply; }
+    // The recorded reply is never cleared, so after HttpBase's deferred deletion of it has run
+    // the pointer dangles (owners normally delete the object from their handlers before that).
+    // A reply still alive is still a child of our manager: only then is it deleted here, so an
+    // object kept longer is not a double delete. The pointer is only compared, never followed.
+    static void destroy(Owner& owner)
+    {
+        if (owner.reply && owner.manager.children().contains(owner.reply))
+            delete owner.reply;
+    }
 };
 
 } // namespace kelo_detail
