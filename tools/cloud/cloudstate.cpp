@@ -68,6 +68,16 @@ struct Fixture
     QList<QPair<int, Order>> orders; ///< table id, order
 };
 
+/// A whole JSON number within 53 bits (what a JSON number holds exactly).
+bool wholeNumber(const QJsonValue& v, qint64* out)
+{
+    const double d = v.toDouble();
+    if (!v.isDouble() || d != std::floor(d) || std::fabs(d) > 9007199254740992.0)
+        return false;
+    *out = qint64(d);
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Fixture reading: every problem names the file and the field, "f.json: menu[3].price: ...".
 
@@ -124,12 +134,11 @@ private:
     template <typename Int>
     bool integer(const QJsonObject& o, const QString& at, const char* key, Int* out)
     {
-        const double d = o.value(QLatin1String(key)).toDouble(-1.5);
-        if (!o.value(QLatin1String(key)).isDouble() || d != std::floor(d) ||
-            d < double(std::numeric_limits<Int>::min()) ||
-            d > double(std::numeric_limits<Int>::max()))
+        qint64 v = 0;
+        if (!wholeNumber(o.value(QLatin1String(key)), &v) || v < std::numeric_limits<Int>::min() ||
+            v > std::numeric_limits<Int>::max())
             return fail(at + '.' + key, QStringLiteral("expected an integer"));
-        *out = Int(d);
+        *out = Int(v);
         return true;
     }
     bool nonNegative(const QJsonObject& o, const QString& at, const char* key, qint64* out)
@@ -265,11 +274,9 @@ private:
     {
         out->lastUpdate = 0;
         if (root.contains("last_update")) {
-            const double d = root.value("last_update").toDouble(-1);
-            if (d < 0 || d != std::floor(d) || d > 9007199254740992.0)
+            if (!wholeNumber(root.value("last_update"), &out->lastUpdate) || out->lastUpdate < 0)
                 return fail(QStringLiteral("last_update"),
                             QStringLiteral("expected milliseconds since the epoch"));
-            out->lastUpdate = qint64(d);
             return true;
         }
         for (const Dish& dish : qAsConst(out->menu))
@@ -438,15 +445,9 @@ void remember(QList<QPair<QString, QString>>* sessions, const QString& a, const 
         sessions->removeFirst();
 }
 
-/// A whole JSON number that fits in 53 bits (what a JSON number holds exactly).
 bool readInt(const QJsonObject& dt, const char* key, qint64* out)
 {
-    const QJsonValue v = dt.value(QLatin1String(key));
-    const double d = v.toDouble();
-    if (!v.isDouble() || d != std::floor(d) || std::fabs(d) > 9007199254740992.0)
-        return false;
-    *out = qint64(d);
-    return true;
+    return wholeNumber(dt.value(QLatin1String(key)), out);
 }
 
 bool readId(const QJsonObject& dt, const char* key, int* out)
@@ -633,7 +634,7 @@ qint64 invoiceAmount(const QJsonValue& v)
         return ok ? amount : 0;
     }
     qint64 amount = 0;
-    return readInt(QJsonObject{{"a", v}}, "a", &amount) ? amount : 0;
+    return wholeNumber(v, &amount) ? amount : 0;
 }
 
 Reply createInvoice(Books& b, const Call& c)
