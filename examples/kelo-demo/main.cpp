@@ -66,7 +66,7 @@ int main(int argc, char** argv)
                                   QStringLiteral("name"), QStringLiteral("mai"));
     const QCommandLineOption password(QStringLiteral("password"),
                                       QStringLiteral("Waiter's password."), QStringLiteral("text"),
-                                      QStringLiteral("waiter123"));
+                                      QStringLiteral("mai123"));
     const QCommandLineOption debug(QStringLiteral("debug"),
                                    QStringLiteral("Turn on the SDK's log lines."));
     parser.addOptions({server, ca, merchant, machine, user, password, debug});
