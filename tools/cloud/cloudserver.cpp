@@ -69,7 +69,9 @@ using Response = http::response<http::string_body>;
 
 const std::size_t maxRequestBody = 64 * 1024 * 1024;
 const auto handshakeTimeout = std::chrono::seconds(30);
-const auto shutdownTimeout = std::chrono::seconds(5);
+// The server sends its close_notify and waits this long for the client's before it closes the
+// TCP connection anyway (QWebSocket, after a refused upgrade, never answers it).
+const auto shutdownTimeout = std::chrono::milliseconds(300);
 
 QByteArray bytes(beast::string_view text)
 {
@@ -217,6 +219,7 @@ public:
     QHash<QByteArray, ServedFile> files;
 
     std::atomic<bool> answerPings{true};
+    std::atomic<int> pings{0};
     std::atomic<bool> refuseUpgrades{false};
     std::atomic<bool> up{false};
     std::atomic<quint16> port{0};
@@ -239,7 +242,7 @@ class WsSession : public Connection, public std::enable_shared_from_this<WsSessi
 {
 public:
     WsSession(Engine& engine, TlsStream&& stream, const QString& devid)
-        : ws(std::move(stream), &engine.answerPings), devid(devid)
+        : ws(std::move(stream), &engine.answerPings), devid(devid), pings(engine.pings)
     {
     }
 
@@ -248,6 +251,10 @@ public:
         request = std::move(upgradeRequest);
         ws.set_option(websocket::stream_base::decorator(
             [](websocket::response_type& r) { r.set(http::field::server, "kelo-cloud"); }));
+        ws.control_callback([this](websocket::frame_type kind, beast::string_view) {
+            if (kind == websocket::frame_type::ping)
+                ++pings;
+        });
         ws.async_accept(request, [self = shared_from_this()](error_code ec) {
             if (ec)
                 return;
@@ -310,6 +317,7 @@ private:
     beast::flat_buffer buffer;
     std::deque<std::string> queue;
     bool open = false;
+    std::atomic<int>& pings;
 };
 
 /// One HTTPS connection: requests one after another (keep-alive), or one upgrade.
@@ -363,8 +371,11 @@ private:
             upgradeToWebSocket(exchange);
             return;
         }
-        if (upgrade)
+        if (upgrade) {
+            // A client whose upgrade is not taken does not go on with HTTP on that connection.
             engine.recordUpgrade(exchange.params(), false);
+            request.keep_alive(false);
+        }
         reply = scripted ? *scripted : engine.route(exchange);
         if (reply.delayMs <= 0) {
             answer();
@@ -893,6 +904,11 @@ int CloudServer::pushAll(const QByteArray& text)
             socket->send(text);
         return int(open.size());
     });
+}
+
+int CloudServer::pingCount() const
+{
+    return d->pings;
 }
 
 void CloudServer::setAnswerPings(bool answer)
