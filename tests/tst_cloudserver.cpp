@@ -7,6 +7,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
+#include <QSslSocket>
 #include <QTemporaryDir>
 #include <QWebSocket>
 #include <QtTest>
@@ -69,6 +70,7 @@ private Q_SLOTS:
     void scriptsMatchInOrderByPathAndCm();
     void scriptedStatusHeadersAndBody();
     void putFileIsServed();
+    void malformedRequestGets400();
 
     void faultsEndInNetworkErrors_data();
     void faultsEndInNetworkErrors();
@@ -293,6 +295,19 @@ void TestCloudServer::putFileIsServed()
     reply->deleteLater();
     QCOMPARE(finish(get("/img/a.png?v=2")).body, png); // the query does not matter
     QCOMPARE(finish(get("/img/b.png")).status, 404);
+}
+
+void TestCloudServer::malformedRequestGets400()
+{
+    QSslSocket socket;
+    socket.connectToHostEncrypted("127.0.0.1", cloud->port());
+    QVERIFY(socket.waitForEncrypted(15000));
+    socket.write("NOT HTTP AT ALL\r\n\r\n");
+    QSignalSpy disconnected(&socket, &QSslSocket::disconnected);
+    QVERIFY(disconnected.wait(15000));
+    QVERIFY2(socket.readAll().startsWith("HTTP/1.1 400 Bad Request\r\n"), "no 400 answer");
+    QCOMPARE(cloud->exchanges().size(), 0);
+    QCOMPARE(finish(get("/kelo/api/item/")).error, QNetworkReply::NoError);
 }
 
 void TestCloudServer::faultsEndInNetworkErrors_data()
@@ -572,7 +587,13 @@ void TestCloudServer::stopIsSafeInAnyState()
     QVERIFY(!server.isUp());
     QVERIFY(server.start());
     QVERIFY(server.start()); // already running
+    const quint16 port = server.port();
+    const QByteArray ca = server.caCertificatePem();
     server.stop();
+    server.stop();
+    QVERIFY(server.start()); // a restart keeps the address and the CA
+    QCOMPARE(server.port(), port);
+    QCOMPARE(server.caCertificatePem(), ca);
     server.stop();
     QVERIFY(!server.isUp());
     QCOMPARE(server.webSocketCount(), 0);
@@ -595,6 +616,7 @@ void TestCloudServer::standaloneToolPrintsItsAddressAndQuitsOnSigterm()
     QProcess tool;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("XDG_DATA_HOME", dataHome.path());
+    env.insert("XDG_RUNTIME_DIR", dataHome.path()); // private, as Qt Gui wants it
     tool.setProcessEnvironment(env);
     tool.start(KELO_CLOUD_TOOL_PATH, {"--port", "0"});
     QVERIFY(tool.waitForStarted());

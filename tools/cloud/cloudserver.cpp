@@ -68,6 +68,7 @@ using Request = http::request<http::string_body>;
 using Response = http::response<http::string_body>;
 
 const std::size_t maxRequestBody = 64 * 1024 * 1024;
+const std::uint32_t maxRequestHeader = 1024 * 1024; // long "dt" texts travel in GET queries
 const auto handshakeTimeout = std::chrono::seconds(30);
 // The server sends its close_notify and waits this long for the client's before it closes the
 // TCP connection anyway (QWebSocket, after a refused upgrade, never answers it).
@@ -354,11 +355,29 @@ private:
     {
         parser.emplace();
         parser->body_limit(maxRequestBody);
-        http::async_read(stream, buffer, *parser,
-                         [self = shared_from_this()](error_code ec, std::size_t) {
-                             if (!ec)
-                                 self->onRequest();
-                         });
+        parser->header_limit(maxRequestHeader);
+        http::async_read(
+            stream, buffer, *parser, [self = shared_from_this()](error_code ec, std::size_t) {
+                if (!ec)
+                    self->onRequest();
+                else if (ec.category() ==
+                             http::make_error_code(http::error::bad_target).category() &&
+                         ec != http::error::end_of_stream)
+                    self->refuseMalformed();
+            });
+    }
+
+    /// A request that does not parse gets 400 and the connection is closed.
+    void refuseMalformed()
+    {
+        request = {};
+        request.version(11);
+        request.keep_alive(false);
+        reply = CloudReply();
+        reply.status = 400;
+        reply.body = "malformed request\n";
+        reply.headers = {{"Content-Type", "text/plain"}};
+        writeWhole();
     }
 
     void onRequest()
@@ -556,7 +575,13 @@ bool Engine::start(QString* error)
     }
 
     io = std::make_unique<net::io_context>(1);
-    if (!listen(error)) {
+    // A restarted server takes its previous port again when the options leave the choice to
+    // the OS, so that clients keep their address; another one if that port is taken meanwhile.
+    if (options.port == 0 && port != 0 && !listen(error))
+        port = 0;
+    else if (options.port != 0)
+        port = options.port;
+    if (!acceptor && !listen(error)) {
         io.reset();
         tls.reset();
         return false;
