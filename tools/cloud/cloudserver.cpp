@@ -944,8 +944,11 @@ void CloudServer::setAnswerPings(bool answer)
 void CloudServer::dropWebSockets()
 {
     d->call([this] {
-        for (const auto& socket : d->openSockets())
-            socket->abort();
+        // Sockets still in their opening handshake go too.
+        for (const auto& weak : d->sockets)
+            if (auto socket = weak.lock())
+                socket->abort();
+        d->sockets.clear();
     });
 }
 
