@@ -228,19 +228,30 @@ void WSClient::onError(QAbstractSocket::SocketError error)
 
 void WSClient::run()
 {
+    // stop() ends this thread with terminate(). Termination is let through only while the
+    // thread sleeps: cancelled inside a log line or a signal emission, the thread would unwind
+    // through Qt code that cannot be unwound (a destructor), which aborts the process.
+    setTerminationEnabled(false);
     while (running) {
         while (sessionBusy) {
-            QThread::sleep(sessionBusyWaitS);
+            sleepTerminable(sessionBusyWaitS);
             if (!running)
                 return;
         }
-        QThread::sleep(watchdogPeriodS);
+        sleepTerminable(watchdogPeriodS);
         if (socketValid)
             continue;
         if (debug)
             qDebug() << "Reconnect";
         emit reconnect();
     }
+}
+
+void WSClient::sleepTerminable(unsigned long seconds)
+{
+    setTerminationEnabled(true); // a terminate() that came meanwhile takes effect here
+    QThread::sleep(seconds);
+    setTerminationEnabled(false);
 }
 
 void WSClient::timerEvent(QTimerEvent* event)

@@ -90,4 +90,6 @@ private:
     void refreshSocketValidity();
     /// Hands the finished session request to deleteLater().
     void releaseSessionRequest();
+    /// The watchdog's sleep, the only place where terminate() may end the thread.
+    static void sleepTerminable(unsigned long seconds);
 };
