@@ -131,7 +131,8 @@ void TestWSClient::forwardsFramesUnchanged()
     QSignalSpy textSpy(client.get(), &WSClient::textMessageReceived);
     client->start();
     QVERIFY(connectedSpy.wait(10000));
-    QTRY_VERIFY(cloud->pushText(devid, frame));
+    QTRY_VERIFY(cloud->connectedDevices().contains(devid));
+    QVERIFY(cloud->pushText(devid, frame));
     QVERIFY(textSpy.wait());
     QCOMPARE(textSpy.count(), 1);
     QCOMPARE(textSpy.at(0).at(0).toString(), QString::fromUtf8(frame));
@@ -183,9 +184,8 @@ void TestWSClient::refusedUpgradeNeverConnects()
     Client client = makeClient(true);
     QSignalSpy connectedSpy(client.get(), &WSClient::connected);
     client->openConnection(session); // signed correctly, but for a session the server never gave
-    QTRY_COMPARE(log.count(QStringLiteral("WSError: ")), 1);
-    QCOMPARE(log.lines().filter(QStringLiteral("WSError: ")),
-             QStringList(QStringLiteral("WSError: QAbstractSocket::ConnectionRefusedError")));
+    QTRY_VERIFY(
+        log.lines().contains(QStringLiteral("WSError: QAbstractSocket::ConnectionRefusedError")));
     const auto upgrades = newUpgrades();
     QCOMPARE(upgrades.size(), 1);
     QVERIFY(!upgrades[0].accepted);
