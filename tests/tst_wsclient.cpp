@@ -103,7 +103,6 @@ void TestWSClient::init()
     if (!cloud->isUp())
         QVERIFY(cloud->comeBack());
     cloud->setAnswerPings(true);
-    cloud->setRefuseUpgrades(false);
     cloud->clearScripts();
     cloud->clearExchanges();
     upgradesBefore = cloud->upgrades().size();
@@ -328,7 +327,9 @@ static int runExitProbe(int argc, char** argv)
         QTimer::singleShot(500, &app, &QCoreApplication::quit);
         app.exec();
     }
-    return client->isRunning() ? 1 : 0;
+    const bool watchdogOutlivedApplication = client->isRunning();
+    delete client;
+    return watchdogOutlivedApplication ? 1 : 0;
 }
 
 int main(int argc, char** argv)
