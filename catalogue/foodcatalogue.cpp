@@ -30,7 +30,9 @@ unsigned long long toStamp(double value)
     return static_cast<unsigned long long>(value);
 }
 
-// The tail of the url from its last "." on, searched in the whole address, host included.
+// The tail of the url from its last "." on, searched in the whole address, host included. It holds
+// no other ".", so it may name subfolders of the picture folder but never climb out of it; the
+// download manager refuses every name that is not a plain file name in the folder.
 QString extensionOf(const QString& url)
 {
     const int dot = url.lastIndexOf(QLatin1Char('.'));
