@@ -197,7 +197,10 @@ void CDownloadFileMan::DownloadNextFile()
         DownloadOneFileFinish();
         return;
     }
-    // NewOnly creates the file afresh (O_EXCL): a link left at this name is never written through.
+    // A link left at this name (the listing above skips dangling ones) is removed, never followed;
+    // NewOnly then creates the file afresh (O_EXCL), so nothing outside can be written through it.
+    if (QFileInfo(info.localPath).isSymLink())
+        QFile::remove(info.localPath);
     outputFile = new QFile(info.localPath);
     if (!outputFile->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
         delete outputFile;

@@ -116,6 +116,7 @@ private Q_SLOTS:
     void pictureOutcome();
     void redirectsAreFollowed();
     void oldFilesOfTheDishAreRemoved();
+    void linksInTheFolderAreNotFollowed();
     void hostileNamesStayInTheFolder_data();
     void hostileNamesStayInTheFolder();
     void nothingToFetch_data();
@@ -326,6 +327,29 @@ void TestDownloadFileMan::oldFilesOfTheDishAreRemoved()
     QCOMPARE(sync(manager, menu(cloud.baseUrl(), dishes)), 1);
     QCOMPARE(QDir(images).entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name),
              QStringList({"12", "12.d", "12.png", "120.png"}));
+}
+
+void TestDownloadFileMan::linksInTheFolderAreNotFollowed()
+{
+    // 7.png points at a file outside the folder, 8.png at a place outside that does not exist.
+    QVERIFY(QDir().mkpath(images));
+    QFile victim(root.path() + "/victim");
+    QVERIFY(victim.open(QIODevice::WriteOnly) && victim.write("keep") == 4);
+    victim.close();
+    QVERIFY(QFile::link(victim.fileName(), images + "/7.png"));
+    QVERIFY(QFile::link(root.path() + "/planted", images + "/8.png"));
+    const QList<Dish> dishes{{7, "/img/7.png", "1700000000000"}, {8, "/img/8.png", "0"}};
+    serve(dishes);
+
+    CDownloadFileMan manager(false, nullptr);
+    QString text;
+    QCOMPARE(sync(manager, menu(cloud.baseUrl(), dishes), &text), 1);
+    QCOMPARE(summary(text, images), ready(7) + '\n' + ready(8));
+    QCOMPARE(readFile(victim.fileName()), QByteArray("keep"));
+    QVERIFY(!QFileInfo::exists(root.path() + "/planted"));
+    QCOMPARE(readFile(images + "/7.png"), picture(7));
+    QCOMPARE(readFile(images + "/8.png"), picture(8));
+    QVERIFY(!QFileInfo(images + "/8.png").isSymLink());
 }
 
 void TestDownloadFileMan::hostileNamesStayInTheFolder_data()
