@@ -63,13 +63,13 @@ QString summary(const QString& text, const QString& images)
         lines << QStringLiteral("%1 %2 %3")
                      .arg(item["item_id"].toInt())
                      .arg(item["img_path"].toString().replace(images, "<images>"))
-                     .arg(item["img_cache"].toBool());
+                     .arg(item["img_cache"].toBool() ? "true" : "false");
     return lines.join('\n');
 }
 
 QString ready(int id, const QString& ext = ".png", bool cache = true)
 {
-    return QStringLiteral("%1 file:///<images>/%1%2 %3").arg(id).arg(ext).arg(cache);
+    return QStringLiteral("%1 file:///<images>/%1%2 %3").arg(id).arg(ext, cache ? "true" : "false");
 }
 
 QString placeholder(int id)
@@ -279,7 +279,8 @@ void TestDownloadFileMan::pictureOutcome()
     QFile stale(images + "/5.png");
     QVERIFY(stale.open(QIODevice::WriteOnly) && stale.write("stale") == 5);
     stale.close();
-    cloud->scriptReply("/img/5.png", {}, answer);
+    // Repeated: Qt sends a GET again a few times when the connection closes before any answer.
+    cloud->scriptReply("/img/5.png", {}, answer, 10);
 
     CDownloadFileMan manager(false, nullptr);
     QString text;
