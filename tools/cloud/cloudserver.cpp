@@ -68,8 +68,11 @@ using Request = http::request<http::string_body>;
 using Response = http::response<http::string_body>;
 
 const std::size_t maxRequestBody = 64 * 1024 * 1024;
+const std::uint32_t maxRequestHeader = 1024 * 1024; // long "dt" texts travel in GET queries
 const auto handshakeTimeout = std::chrono::seconds(30);
-const auto shutdownTimeout = std::chrono::seconds(5);
+// The server sends its close_notify and waits this long for the client's before it closes the
+// TCP connection anyway (QWebSocket, after a refused upgrade, never answers it).
+const auto shutdownTimeout = std::chrono::milliseconds(300);
 
 QByteArray bytes(beast::string_view text)
 {
@@ -217,6 +220,7 @@ public:
     QHash<QByteArray, ServedFile> files;
 
     std::atomic<bool> answerPings{true};
+    std::atomic<int> pings{0};
     std::atomic<bool> refuseUpgrades{false};
     std::atomic<bool> up{false};
     std::atomic<quint16> port{0};
@@ -239,7 +243,7 @@ class WsSession : public Connection, public std::enable_shared_from_this<WsSessi
 {
 public:
     WsSession(Engine& engine, TlsStream&& stream, const QString& devid)
-        : ws(std::move(stream), &engine.answerPings), devid(devid)
+        : ws(std::move(stream), &engine.answerPings), devid(devid), pings(engine.pings)
     {
     }
 
@@ -248,6 +252,10 @@ public:
         request = std::move(upgradeRequest);
         ws.set_option(websocket::stream_base::decorator(
             [](websocket::response_type& r) { r.set(http::field::server, "kelo-cloud"); }));
+        ws.control_callback([this](websocket::frame_type kind, beast::string_view) {
+            if (kind == websocket::frame_type::ping)
+                ++pings;
+        });
         ws.async_accept(request, [self = shared_from_this()](error_code ec) {
             if (ec)
                 return;
@@ -310,6 +318,7 @@ private:
     beast::flat_buffer buffer;
     std::deque<std::string> queue;
     bool open = false;
+    std::atomic<int>& pings;
 };
 
 /// One HTTPS connection: requests one after another (keep-alive), or one upgrade.
@@ -346,11 +355,29 @@ private:
     {
         parser.emplace();
         parser->body_limit(maxRequestBody);
-        http::async_read(stream, buffer, *parser,
-                         [self = shared_from_this()](error_code ec, std::size_t) {
-                             if (!ec)
-                                 self->onRequest();
-                         });
+        parser->header_limit(maxRequestHeader);
+        http::async_read(
+            stream, buffer, *parser, [self = shared_from_this()](error_code ec, std::size_t) {
+                if (!ec)
+                    self->onRequest();
+                else if (ec.category() ==
+                             http::make_error_code(http::error::bad_target).category() &&
+                         ec != http::error::end_of_stream)
+                    self->refuseMalformed();
+            });
+    }
+
+    /// A request that does not parse gets 400 and the connection is closed.
+    void refuseMalformed()
+    {
+        request = {};
+        request.version(11);
+        request.keep_alive(false);
+        reply = CloudReply();
+        reply.status = 400;
+        reply.body = "malformed request\n";
+        reply.headers = {{"Content-Type", "text/plain"}};
+        writeWhole();
     }
 
     void onRequest()
@@ -363,8 +390,11 @@ private:
             upgradeToWebSocket(exchange);
             return;
         }
-        if (upgrade)
+        if (upgrade) {
+            // A client whose upgrade is not taken does not go on with HTTP on that connection.
             engine.recordUpgrade(exchange.params(), false);
+            request.keep_alive(false);
+        }
         reply = scripted ? *scripted : engine.route(exchange);
         if (reply.delayMs <= 0) {
             answer();
@@ -545,7 +575,13 @@ bool Engine::start(QString* error)
     }
 
     io = std::make_unique<net::io_context>(1);
-    if (!listen(error)) {
+    // A restarted server takes its previous port again when the options leave the choice to
+    // the OS, so that clients keep their address; another one if that port is taken meanwhile.
+    if (options.port == 0 && port != 0 && !listen(error))
+        port = 0;
+    else if (options.port != 0)
+        port = options.port;
+    if (!acceptor && !listen(error)) {
         io.reset();
         tls.reset();
         return false;
@@ -895,6 +931,11 @@ int CloudServer::pushAll(const QByteArray& text)
     });
 }
 
+int CloudServer::pingCount() const
+{
+    return d->pings;
+}
+
 void CloudServer::setAnswerPings(bool answer)
 {
     d->answerPings = answer;
@@ -903,8 +944,11 @@ void CloudServer::setAnswerPings(bool answer)
 void CloudServer::dropWebSockets()
 {
     d->call([this] {
-        for (const auto& socket : d->openSockets())
-            socket->abort();
+        // Sockets still in their opening handshake go too.
+        for (const auto& weak : d->sockets)
+            if (auto socket = weak.lock())
+                socket->abort();
+        d->sockets.clear();
     });
 }
 

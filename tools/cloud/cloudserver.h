@@ -16,12 +16,12 @@ namespace kelocloud {
 /// One request as the server received it.
 struct CloudExchange
 {
-    QByteArray method; ///< "GET", "POST", ...
-    QByteArray target; ///< the request target as sent, e.g. "/kelo/api/item/?cm=getlist&dt=..."
-    QByteArray path;   ///< the target up to "?", e.g. "/kelo/api/item/"
-    QByteArray query;  ///< the raw query after "?", undecoded ("" when there is none)
+    QByteArray method;     ///< "GET", "POST", ...
+    QByteArray target;     ///< the request target as sent, e.g. "/kelo/api/item/?cm=getlist&dt=..."
+    QByteArray path;       ///< the target up to "?", e.g. "/kelo/api/item/"
+    QByteArray query;      ///< the raw query after "?", undecoded ("" when there is none)
     bool hasQuery = false; ///< whether the target held a "?" at all
-    QByteArray body;   ///< the raw body
+    QByteArray body;       ///< the raw body
     QList<QPair<QByteArray, QByteArray>> headers; ///< as received, in order
 
     /// The value of header @p name (case-insensitive), or an empty array.
@@ -36,11 +36,15 @@ struct CloudExchange
 /// A scripted answer that replaces the normal one for the next matching request(s).
 struct CloudReply
 {
-    enum class Fault {
-        None,               ///< answer normally with status, headers and body
-        ResetBeforeHeaders, ///< close the connection abruptly before any byte of the answer
-        ResetMidBody,       ///< send the headers and half the body, then close abruptly
-        NeverAnswer         ///< keep the connection open and never answer (until stop/goDown)
+    enum class Fault
+    {
+        None, ///< answer normally with status, headers and body
+        /// close the connection abruptly (TCP reset) before any byte of the answer; note that
+        /// QNetworkAccessManager sends the request again up to 3 times on a fresh connection
+        /// when that happens, so script it 4 times for such a client to see the failure
+        ResetBeforeHeaders,
+        ResetMidBody, ///< send the headers and half the body, then close abruptly
+        NeverAnswer   ///< keep the connection open and never answer (until stop/goDown)
     };
     int status = 200;
     QByteArray body;
@@ -97,7 +101,12 @@ public:
     QList<CloudExchange> exchanges(const QByteArray& pathPrefix, const QString& cm = {}) const;
     void clearExchanges();
 
-    /// The next @p times requests matching @p pathPrefix (and @p cm, if not empty) get @p reply.
+    /**
+     * The next @p times requests whose path starts with @p pathPrefix (and whose decoded "cm"
+     * parameter equals @p cm, if not empty) get @p reply instead of the normal answer. Scripts
+     * are tried in the order they were registered. A WebSocket upgrade that matches a script
+     * gets the scripted answer instead of the upgrade (recorded as a refused upgrade).
+     */
     void scriptReply(const QByteArray& pathPrefix, const QString& cm, const CloudReply& reply,
                      int times = 1);
     void clearScripts();
@@ -114,6 +123,8 @@ public:
     bool pushText(const QString& devid, const QByteArray& text);
     /// Sends a text frame to every open socket; returns how many got it.
     int pushAll(const QByteArray& text);
+    /// Pings received on notification sockets so far, answered or not.
+    int pingCount() const;
     /// false: stop answering pings (the client's keep-alive then fails).
     void setAnswerPings(bool answer);
     /// Closes every open WebSocket abruptly.

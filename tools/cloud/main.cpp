@@ -3,8 +3,8 @@
 #include "cloudserver.h"
 
 #include <QCommandLineParser>
-#include <QCoreApplication>
 #include <QDir>
+#include <QGuiApplication>
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -89,7 +89,11 @@ bool quitOnSignals(QCoreApplication* app)
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
+    // The simulated merchant draws its menu pictures with Qt Gui, which needs a platform even
+    // without a screen: the off-screen one unless the user chose another.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QGuiApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kelo-cloud"));
     QTextStream err(stderr);
 
