@@ -3,9 +3,9 @@
 #   tools/make-armhf-sysroot.sh <dir>
 # Installs the host tools if missing (cross g++, qemu-user, dpkg-dev), downloads the armhf
 # packages of Qt 5, OpenSSL and their runtime dependency closure from Debian and unpacks each
-# with dpkg-deb -x into <dir>. Nothing armhf is installed on the host: unpacking keeps the
-# host's own packages untouched. Quick when <dir> already holds a sysroot made from the same
-# package list. Run as root (or with sudo).
+# with dpkg-deb -x into <dir>. Nothing armhf is installed on the host and dpkg's architecture list
+# stays as it is: the host's own packages are untouched. Quick when <dir> already holds a sysroot
+# made from the same package list. Run as root (or with sudo).
 set -euo pipefail
 
 if [ $# -ne 1 ]; then
@@ -26,6 +26,7 @@ host_tools=(g++-arm-linux-gnueabihf qemu-user dpkg-dev)
 SUDO=""
 [ "$(id -u)" -eq 0 ] || SUDO="sudo"
 apt_opts=(-o DPkg::Lock::Timeout=600 -o Acquire::Retries=2)
+arch_opts=(-o "APT::Architectures=$(dpkg --print-architecture),armhf")
 export DEBIAN_FRONTEND=noninteractive
 
 stamp="$sysroot/.kelo-sysroot"
@@ -36,9 +37,9 @@ log() { echo "make-armhf-sysroot: $*"; }
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 
 apt_update() {
-    # A failing list (e.g. a security mirror without armhf) is tolerated: the main list is enough,
+    # A failing list (e.g. a security mirror's armhf list) is tolerated: the main list is enough,
     # and the checks after the update tell whether what is needed can be had.
-    $SUDO apt-get "${apt_opts[@]}" update -qq || log "apt-get update reported errors; going on with the lists it got"
+    $SUDO apt-get "${apt_opts[@]}" "$@" update -qq || log "apt-get update reported errors; going on with the lists it got"
 }
 
 ensure_host_tools() {
@@ -50,14 +51,15 @@ ensure_host_tools() {
     $SUDO apt-get "${apt_opts[@]}" install -y -qq --no-install-recommends "${missing[@]}"
 }
 
+# apt is told about armhf per call rather than by dpkg --add-architecture: a foreign architecture
+# in dpkg's configuration makes every later apt-get update on this machine fetch its lists too, and
+# fail as a whole when one of them is broken (as the security mirror's armhf list has been seen to
+# be), which would break the native dependency install.
 ensure_armhf_lists() {
-    if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-        log "adding the armhf architecture to dpkg"
-        $SUDO dpkg --add-architecture armhf
-    fi
-    if ! apt-cache show libc6:armhf >/dev/null 2>&1; then
-        apt_update
-        apt-cache show libc6:armhf >/dev/null 2>&1 || { log "no armhf package list after apt-get update"; exit 1; }
+    if ! apt-cache "${arch_opts[@]}" show libc6:armhf >/dev/null 2>&1; then
+        apt_update "${arch_opts[@]}"
+        apt-cache "${arch_opts[@]}" show libc6:armhf >/dev/null 2>&1 ||
+            { log "no armhf package list after apt-get update"; exit 1; }
     fi
 }
 
@@ -67,7 +69,7 @@ ensure_armhf_lists() {
 # "Multi-Arch: same" packages (libraries and their headers) belong in a sysroot: dependencies on
 # tools (qtbase5-dev-tools, perl, fontconfig, ...) are met by the host's own.
 dependency_closure() {
-    apt-cache dumpavail | awk -v roots="${roots[*]}" '
+    apt-cache "${arch_opts[@]}" dumpavail | awk -v roots="${roots[*]}" '
         function field(line) { sub(/^[^:]*: */, "", line); return line }
         function pick(group,   alts, i, n, a) {
             n = split(group, alts, "|")
@@ -161,7 +163,7 @@ done
 if [ ${#to_fetch[@]} -gt 0 ]; then
     log "downloading ${#to_fetch[@]} packages"
     # The download directory belongs to the caller, not to apt's sandbox user.
-    (cd "$debs" && apt-get "${apt_opts[@]}" -o APT::Sandbox::User=root download -qq "${to_fetch[@]}")
+    (cd "$debs" && apt-get "${apt_opts[@]}" "${arch_opts[@]}" -o APT::Sandbox::User=root download -qq "${to_fetch[@]}")
 fi
 
 rm -rf "$sysroot"
