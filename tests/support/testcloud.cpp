@@ -9,7 +9,10 @@ TestCloud::TestCloud(Trust trust, const kelocloud::CloudOptions& options)
 {
 }
 
-TestCloud::~TestCloud() { cloud->stop(); }
+TestCloud::~TestCloud()
+{
+    cloud->stop();
+}
 
 bool TestCloud::start()
 {
@@ -23,13 +26,25 @@ bool TestCloud::start()
     return true;
 }
 
-void TestCloud::pointSdkHere() const { qputenv("KELO_SERVER_HOST", hostPort().toUtf8()); }
+void TestCloud::pointSdkHere() const
+{
+    qputenv("KELO_SERVER_HOST", hostPort().toUtf8());
+}
 
-QString TestCloud::hostPort() const { return cloud->hostPort(); }
+QString TestCloud::hostPort() const
+{
+    return cloud->hostPort();
+}
 
-QString TestCloud::baseUrl() const { return QStringLiteral("https://") + hostPort(); }
+QString TestCloud::baseUrl() const
+{
+    return QStringLiteral("https://") + hostPort();
+}
 
-QUrl TestCloud::url(const QString& path) const { return QUrl(baseUrl() + path); }
+QUrl TestCloud::url(const QString& path) const
+{
+    return QUrl(baseUrl() + path);
+}
 
 void trustCertificateAuthority(const QByteArray& pem)
 {

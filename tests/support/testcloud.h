@@ -15,7 +15,11 @@
 class TestCloud
 {
 public:
-    enum Trust { Trusted, Untrusted };
+    enum Trust
+    {
+        Trusted,
+        Untrusted
+    };
 
     explicit TestCloud(Trust trust = Trusted, const kelocloud::CloudOptions& options = {});
     ~TestCloud();
