@@ -272,8 +272,8 @@ void TestKelosdk::untrustedServerEndsInATlsError()
 
 void TestKelosdk::outlivedByItsNotificationClient()
 {
-    auto* sdk = new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), true);
     f.cloud->clearExchanges();
+    auto* sdk = new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), true);
     QSignalSpy connection(sdk, SIGNAL(cloudConnectionChange(bool)));
     QVERIFY(connection.wait(10000));
     const QString devid = f.deviceId();
