@@ -17,6 +17,8 @@ cmake --build "$build" --parallel "$(nproc)" --target fuzz_parsers fuzz_decoder 
 
 mkdir -p "$build/artifacts"
 export XDG_DATA_HOME="$PWD/$build/data" QT_QPA_PLATFORM=offscreen
+export ASAN_OPTIONS="fast_unwind_on_malloc=0"
+export LSAN_OPTIONS="suppressions=$PWD/tools/sanitizers/lsan.supp:print_suppressions=0"
 for target in parsers decoder catalogue; do
     corpus="$build/corpus/$target"
     mkdir -p "$corpus"

@@ -22,8 +22,8 @@ class DemoDay : public QObject
 public:
     struct Settings
     {
-        QString user = QStringLiteral("waiter");
-        QString password = QStringLiteral("waiter123");
+        QString user = QStringLiteral("mai");
+        QString password = QStringLiteral("mai123");
         int stepTimeoutMs = 60000;
     };
 

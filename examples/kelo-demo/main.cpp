@@ -63,10 +63,10 @@ int main(int argc, char** argv)
     const QCommandLineOption machine(QStringLiteral("machine"), QStringLiteral("Terminal name."),
                                      QStringLiteral("name"), QStringLiteral("POS-1"));
     const QCommandLineOption user(QStringLiteral("user"), QStringLiteral("Waiter's user name."),
-                                  QStringLiteral("name"), QStringLiteral("waiter"));
+                                  QStringLiteral("name"), QStringLiteral("mai"));
     const QCommandLineOption password(QStringLiteral("password"),
                                       QStringLiteral("Waiter's password."), QStringLiteral("text"),
-                                      QStringLiteral("waiter123"));
+                                      QStringLiteral("mai123"));
     const QCommandLineOption debug(QStringLiteral("debug"),
                                    QStringLiteral("Turn on the SDK's log lines."));
     parser.addOptions({server, ca, merchant, machine, user, password, debug});

@@ -5,12 +5,43 @@
 #include <QMutex>
 #include <QString>
 
+#include <memory>
+
 namespace kelocloud {
+
+namespace detail {
+struct Books;
+}
 
 /**
  * The simulated merchant's data and the server's answers: staff, menu, pictures, tables, orders,
  * payments, invoice and notification sessions. No networking; every public function is
  * thread-safe (the server calls them from its own thread, tests from theirs).
+ *
+ * The merchant comes from a JSON fixture (the built-in ":/kelocloud/restaurant.json" or a file
+ * given to loadFixture()). Every answer is the envelope {"dt":{...},"err":code,"msg":text} in
+ * compact JSON. The refusal codes (200 to 299) and the fixture format are described in
+ * tools/cloud/fixtures/README.md:
+ *
+ * | err | msg |
+ * |---|---|
+ * | 200 | "unknown path" (HTTP status 404) |
+ * | 201 | "unknown operation" |
+ * | 202 | "dt is not a JSON object" |
+ * | 203 | "unknown merchant" |
+ * | 204 | "invalid field: <key>" |
+ * | 210 | "wrong user name or password" |
+ * | 211 | "role not allowed for this login" |
+ * | 212 | "unknown staff" |
+ * | 220 | "unknown table" |
+ * | 221 | "cannot merge a table into itself" |
+ * | 230 | "missing signature" |
+ * | 231 | "bad signature" |
+ * | 232 | "no invoice session for this device" |
+ * | 233 | "invalid invoice amount" |
+ * | 234 | "unsupported payment method" |
+ * | 240 | "unknown invoice" |
+ * | 241 | "invoice is not open" |
  */
 class CloudState
 {
@@ -30,30 +61,50 @@ public:
         QByteArray text;
     };
 
+    /// Loads the built-in fixture; the signing key is the one of the SDK build.
     CloudState();
+    ~CloudState();
+    CloudState(const CloudState&) = delete;
+    CloudState& operator=(const CloudState&) = delete;
 
-    /// Replaces the data with the fixture file at @p path; on failure names the file and field.
+    /**
+     * Replaces the data with the fixture file at @p path: merchant, staff, menu, tables and the
+     * orders it holds; placed orders, payments and invoices start afresh. On failure the data
+     * stays as it was and @p error names the file and the field ("f.json: menu[3].item_id:
+     * expected an integer").
+     */
     bool loadFixture(const QString& path, QString* error);
     /// The signing key shared with the SDK build.
     void setSecretKey(const QByteArray& key);
     QByteArray secretKey() const;
+    /// The merchant code of the loaded fixture ("M01" in the built-in one).
+    QString merchantCode() const;
 
     /**
      * Answers one API call. @p path is the request path ("/kelo/api/login/"), @p cm, @p tk and
      * @p dt the decoded parameters ("tk" empty when absent), @p imgBase the "https://host:port"
-     * prefix under which pictures are served.
+     * prefix under which pictures are served. The "dt" of "create" may still be percent-encoded
+     * (as the SDK sends it); it is then decoded once more here.
      */
     Answer handle(const QByteArray& path, const QString& cm, const QString& tk, const QString& dt,
                   const QString& imgBase);
 
-    /// The picture served at @p path, or an empty array if there is none.
+    /// The PNG picture served at @p path (a dish's "img_path"), or an empty array.
     QByteArray picture(const QByteArray& path) const;
 
-    /// Whether a WebSocket connect with these query values is admitted (known session, good tk).
+    /**
+     * Whether a WebSocket connect with these query values is admitted: @p wsSession was issued
+     * by "get_ws_session" to @p devid, @p appuser is the merchant code and @p tk is
+     * sign(appuser + devid + wsSession).
+     */
     bool admitWebSocket(const QString& appuser, const QString& devid, const QString& wsSession,
                         const QString& tk);
 
-    /// Marks an open invoice paid; fills the "payment_success" notice for its device.
+    /**
+     * Marks an open invoice paid (@p invoiceCode with or without its "#"); fills @p notice with
+     * the "payment_success" notice for the device that created it. False for an unknown, paid
+     * or cancelled invoice.
+     */
     bool markInvoicePaid(const QString& invoiceCode, Notice* notice);
 
     /// HMAC-SHA-256 of @p data with the signing key, 64 lower-case hex digits.
@@ -62,8 +113,7 @@ public:
 private:
     mutable QMutex mutex;
     QByteArray key;
-    QJsonObject data;
-    QStringList wsSessions;
+    std::unique_ptr<detail::Books> books;
 };
 
 } // namespace kelocloud

@@ -1,0 +1,1 @@
+kelo_add_test(cloudstate TIMEOUT 60)
