@@ -1,17 +1,81 @@
 #include "httpbase.h"
 
-// Placeholder bodies: the transport work replaces them.
-HttpBase::HttpBase(const QUrl& url, QObject* parent, bool debug) : QObject(parent), url(url), debug(debug) {}
-HttpBase::~HttpBase() = default;
-void HttpBase::setUrl(const QUrl& newUrl) { if (newUrl.isValid()) url = newUrl; }
-void HttpBase::setAgentname(const QString& name) { agentname = name; }
-void HttpBase::setUsernamePassword(const QString& user, const QString& pass) { username = user; password = pass; }
-void HttpBase::addParameter(const QString& key, const QVariant& value, bool clear) { params.add(key, value, clear); }
-void HttpBase::setParameter(const HttpParams& newParams) { params = newParams; }
-void HttpBase::cancel() {}
-QNetworkRequest HttpBase::createRequest(CONTENT_TYPE, HTTP_PROCESS) { return QNetworkRequest(url); }
-QNetworkReply* HttpBase::get() { return nullptr; }
-QNetworkReply* HttpBase::post() { return nullptr; }
-QNetworkReply* HttpBase::put(QIODevice*) { return nullptr; }
-QNetworkReply* HttpBase::process(HTTP_PROCESS, QIODevice*) { return nullptr; }
-void HttpBase::finished() {}
+#include "httprequest_p.h"
+
+// HttpBase schedules its finished reply for deletion; everything else is shared with its twin
+// class.
+using Request = kelo_detail::HttpRequest<HttpBase>;
+
+HttpBase::HttpBase(const QUrl& url, QObject* parent, bool debug)
+    : QObject(parent), url(url), debug(debug)
+{
+}
+
+HttpBase::~HttpBase()
+{
+    Request::destroy(*this);
+}
+
+void HttpBase::setUrl(const QUrl& newUrl)
+{
+    if (newUrl.isValid())
+        url = newUrl;
+}
+
+void HttpBase::setAgentname(const QString& name)
+{
+    agentname = name;
+}
+
+void HttpBase::setUsernamePassword(const QString& user, const QString& pass)
+{
+    username = user;
+    password = pass;
+}
+
+void HttpBase::addParameter(const QString& key, const QVariant& value, bool clear)
+{
+    if (clear)
+        params.clear();
+    params.add(key, value, false);
+}
+
+void HttpBase::setParameter(const HttpParams& newParams)
+{
+    params = newParams;
+}
+
+void HttpBase::cancel()
+{
+    Request::cancel(*this);
+}
+
+QNetworkRequest HttpBase::createRequest(CONTENT_TYPE type, HTTP_PROCESS process)
+{
+    return Request::createRequest(*this, type, process);
+}
+
+QNetworkReply* HttpBase::get()
+{
+    return Request::get(*this);
+}
+
+QNetworkReply* HttpBase::post()
+{
+    return Request::post(*this);
+}
+
+QNetworkReply* HttpBase::put(QIODevice* iostream)
+{
+    return Request::put(*this, iostream);
+}
+
+QNetworkReply* HttpBase::process(HTTP_PROCESS processType, QIODevice* iostream)
+{
+    return Request::process(*this, processType, iostream);
+}
+
+void HttpBase::finished()
+{
+    Request::finished(*this, kelo_detail::FinishedReply::DeleteLater);
+}

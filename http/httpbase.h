@@ -12,15 +12,21 @@
 
 class QIODevice;
 
+namespace kelo_detail {
+template <class Owner> struct HttpRequest; // the shared implementation (private)
+}
+
 /// HTTP method of a request object's process() call.
-enum HTTP_PROCESS {
+enum HTTP_PROCESS
+{
     HTTP_GET = 0,  ///< parameters go into the URL query
     HTTP_POST = 1, ///< parameters go into a form-encoded body
     HTTP_PUT = 2   ///< body streamed from a QIODevice; parameters in the URL query
 };
 
 /// "Content-Type" header set by createRequest().
-enum CONTENT_TYPE {
+enum CONTENT_TYPE
+{
     CONTENT_NONE = 0, ///< no Content-Type header
     CONTENT_FORM = 1, ///< "application/x-www-form-urlencoded"
     CONTENT_JSON = 2  ///< "application/json"
@@ -80,6 +86,8 @@ public Q_SLOTS:
     void finished();
 
 private:
+    template <class Owner> friend struct kelo_detail::HttpRequest;
+
     QNetworkAccessManager manager;
     QUrl url;
     HttpParams params;

@@ -70,6 +70,8 @@ public Q_SLOTS:
     void finished();
 
 private:
+    template <class Owner> friend struct kelo_detail::HttpRequest;
+
     QNetworkAccessManager manager;
     QUrl url;
     HttpParams params;

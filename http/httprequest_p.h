@@ -1,0 +1,147 @@
+#pragma once
+
+// Private to the library: shared behaviour of HttpBase and HttpBase2.
+//
+// Owners connect to each request class by its own signal and slot signatures, so the two stay
+// separate QObject classes with their own meta-objects and their own (identical) member layout
+// instead of deriving from a common QObject base. What they do is written once, here, as static
+// functions templated on the owner class; each class forwards to them and is a friend of them.
+// The one behavioural difference, what happens to a finished reply, is a parameter.
+
+#include "httpbase.h"
+
+#include <QDebug>
+#include <QIODevice>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPointer>
+#include <QUrl>
+
+namespace kelo_detail {
+
+/// What finished() does with the reply once it has emitted the outcome.
+enum class FinishedReply
+{
+    DeleteLater,
+    Keep
+};
+
+template <class Owner> struct HttpRequest
+{
+    static QNetworkRequest createRequest(const Owner& owner, CONTENT_TYPE type,
+                                         HTTP_PROCESS process)
+    {
+        QUrl target(owner.url);
+        // Half a credential pair is no credential: the server would reject it anyway.
+        if (!owner.username.isEmpty() && !owner.password.isEmpty()) {
+            target.setUserName(owner.username, QUrl::DecodedMode);
+            target.setPassword(owner.password, QUrl::DecodedMode);
+        }
+        // A GET (and a PUT, which passes HTTP_GET) carries the parameters as the whole query,
+        // dropping any query written in the URL; a POST keeps the URL's query as it is.
+        if (process == HTTP_GET)
+            target.setQuery(owner.params.get());
+
+        QNetworkRequest request(target);
+        if (!owner.agentname.isEmpty())
+            request.setRawHeader("User-Agent", owner.agentname.toUtf8());
+        switch (type) {
+        case CONTENT_FORM:
+            request.setRawHeader("Content-Type", "application/x-www-form-urlencoded");
+            break;
+        case CONTENT_JSON:
+            request.setRawHeader("Content-Type", "application/json");
+            break;
+        case CONTENT_NONE:
+            break;
+        }
+        // TLS, timeouts and redirects stay Qt's defaults on purpose.
+        return request;
+    }
+
+    static QNetworkReply* get(Owner& owner)
+    {
+        return owner.manager.get(owner.createRequest(CONTENT_NONE, HTTP_GET));
+    }
+
+    static QNetworkReply* post(Owner& owner)
+    {
+        const QByteArray body = owner.params.post();
+        return owner.manager.post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+    }
+
+    static QNetworkReply* put(Owner& owner, QIODevice* iostream)
+    {
+        if (!iostream)
+            return nullptr;
+        return owner.manager.put(owner.createRequest(CONTENT_NONE, HTTP_GET), iostream);
+    }
+
+    static QNetworkReply* process(Owner& owner, HTTP_PROCESS processType, QIODevice* iostream)
+    {
+        // The stored URL plus the raw parameters, not the exact request sent: for reading only.
+        if (owner.debug)
+            qDebug() << "http2 url:" << owner.url.toString() + owner.params.toString();
+
+        switch (processType) {
+        case HTTP_POST:
+            owner.reply = owner.post();
+            break;
+        case HTTP_GET:
+            owner.reply = owner.get();
+            break;
+        case HTTP_PUT:
+            owner.reply = owner.put(iostream);
+            break;
+        default:
+            return nullptr;
+        }
+        // With put(nullptr) the reply is null: Qt warns about the null sender and no signal
+        // will ever come, which is what a caller passing no stream gets.
+        QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
+        return owner.reply;
+    }
+
+    // Handles the reply recorded last (not the sender): an owner starts each object once.
+    static void finished(Owner& owner, FinishedReply disposal)
+    {
+        QNetworkReply* const reply = owner.reply;
+        if (!reply)
+            return;
+        QObject::disconnect(reply, nullptr, &owner, nullptr);
+
+        // A handler may destroy the owner, and with it the reply, while the signal is emitted.
+        const QPointer<QNetworkReply> alive(reply);
+        if (reply->error() != QNetworkReply::NoError) {
+            const int code = reply->error();
+            const QString message = reply->errorString();
+            qCritical() << QStringLiteral("//error:%1, msg:%2").arg(QString::number(code), message);
+            emit owner.error(code, message);
+        } else {
+            const QByteArray body = reply->readAll();
+            if (owner.debug)
+                qDebug() << "respone data:" << QString::fromUtf8(body);
+            emit owner.done(QVariant(body));
+        }
+        if (disposal == FinishedReply::DeleteLater && alive)
+            reply->deleteLater();
+    }
+
+    static void cancel(Owner& owner)
+    {
+        if (owner.reply)
+            owner.reply->abort();
+    }
+
+    // The recorded reply is never cleared, so after HttpBase's deferred deletion of it has run
+    // the pointer dangles (owners normally delete the object from their handlers before that).
+    // A reply still alive is still a child of our manager: only then is it deleted here, so an
+    // object kept longer is not a double delete. The pointer is only compared, never followed.
+    static void destroy(Owner& owner)
+    {
+        if (owner.reply && owner.manager.children().contains(owner.reply))
+            delete owner.reply;
+    }
+};
+
+} // namespace kelo_detail
