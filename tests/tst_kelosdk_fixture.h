@@ -80,6 +80,14 @@ public:
             .toString();
     }
 
+    /// Scripts @p failure for the next request of @p path / @p cm. Qt sends a request once more
+    /// when its connection closes before any answer, so a fault is scripted for every attempt;
+    /// clearScripts() ends it.
+    void scriptFailure(const QByteArray& path, const QString& cm, const CloudReply& failure)
+    {
+        cloud->scriptReply(path, cm, failure, 10);
+    }
+
     /// Waits until @p count requests of @p path / @p cm have been received.
     bool waitExchanges(const QByteArray& path, const QString& cm, int count)
     {

@@ -150,8 +150,8 @@ void TestLoginFlow::serverRefusalKeepsTheUserOut()
 void TestLoginFlow::transportErrorKeepsTheStateAndFreesLogin()
 {
     Kelosdk& sdk = f.newSdk();
-    f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"),
-                         faultReply(CloudReply::Fault::ResetBeforeHeaders));
+    f.scriptFailure("/kelo/api/login/", QStringLiteral("client_login"),
+                    faultReply(CloudReply::Fault::ResetBeforeHeaders));
     QSignalSpy done(&sdk, SIGNAL(userLoginDone(int, QString)));
     QSignalSpy netError(&sdk, SIGNAL(networkError(int, QString)));
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
@@ -161,6 +161,7 @@ void TestLoginFlow::transportErrorKeepsTheStateAndFreesLogin()
     QCOMPARE(netError.constFirst().at(0).toInt(), int(QNetworkReply::RemoteHostClosedError));
     QVERIFY(!sdk.userIslogged());
 
+    f.cloud->clearScripts();
     f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"), replyWith(kAnna));
     sdk.userLogin(QStringLiteral("anna"), QStringLiteral("pw"));
     QVERIFY(done.wait());
