@@ -82,4 +82,23 @@ private:
     QString data;
     bool firstRun = true;
     bool debug;
+
+    /// Set when writing the current picture failed; the entry then ends like a network error.
+    bool outputFailed = false;
+
+    /// The record at the current index, or null when the index is outside the list.
+    tagDownFileInfo* currentRecord();
+    /// Ends the current download: closes the output file and, unless @p keep, removes it.
+    void releaseOutputFile(bool keep);
+    void logImage(const tagDownFileInfo& info, const char* what) const;
+
+    /// The directory that holds the picture cache's "images" folder.
+    static QString pictureDirectory();
+    /// Whether @p localPath names a plain file directly inside <picture directory>/images.
+    static bool isCacheFilePath(const QString& localPath);
+    /// isCacheFilePath(), plus: the existing images folder resolves to itself (no symlink out).
+    static bool isInsideCacheFolder(const QString& localPath);
+
+    /// Libcmn's catalogue functions name the cache files from the same picture directory.
+    friend class Libcmn;
 };

@@ -1,35 +1,446 @@
 #include "kelosdk.h"
 
+#include "cdownloadfileman.h"
+#include "httpbase.h"
+#include "httpbase2.h"
 #include "kelo_config.h"
+#include "libcmn.h"
+#include "wsclient.h"
 
+#include <QDebug>
+#include <QUrl>
 #include <QUuid>
 
-// Placeholder bodies: the facade work replaces them.
-Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool debug)
-    : QObject(nullptr), merchantId(merchantId), machineName(machineName),
-      clientUuid(QString::fromLatin1(QUuid::createUuid().toRfc4122().toHex())), debugLog(debug)
+namespace {
+
+// Busy bits, one per request kind.
+constexpr quint32 BusyMenu = 1;
+constexpr quint32 BusyInvoice = 2;
+constexpr quint32 BusyCancel = 4;
+constexpr quint32 BusyLogin = 8;
+constexpr quint32 BusyTables = 16;
+constexpr quint32 BusyOrder = 32;
+constexpr quint32 BusyTableFoods = 64;
+constexpr quint32 BusyMerge = 128;
+constexpr quint32 BusyPayment = 256;
+
+// Set on the e-wallet request object once it carries the "create" request (see
+// transPermisionRequest).
+constexpr char CreateSent[] = "keloCreateSent";
+
+QString number(qint64 value)
 {
+    return QString::number(value);
+}
+
+} // namespace
+
+Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool debug)
+    : QObject(nullptr), busyFlags(0), debugLog(debug), httpDebug(false), currentUserId(-1)
+{
+    if (debugLog)
+        qDebug() << "KELOSDK>> Welcome to KeloSDK! merchant-id:" << merchantId
+                 << ", machine-name:" << machineName;
+
+    // Tests, the cloud simulator and integrators point the SDK at another server through the
+    // environment; a production host leaves it unset and gets the compiled-in server.
     host = QString::fromUtf8(qgetenv("KELO_SERVER_HOST"));
     if (host.isEmpty())
         host = QStringLiteral(KELO_DEFAULT_SERVER_HOST);
     httpsBase = QStringLiteral("https://%1").arg(host);
+    this->merchantId = merchantId;
+    this->machineName = machineName;
+    clientUuid = QString::fromLatin1(QUuid::createUuid().toRfc4122().toHex());
+
+    // The notification channel. The client is never deleted and outlives this object: every
+    // connection has this object as its receiver, so Qt drops them when the object goes.
+    const QUrl notificationUrl(QStringLiteral("wss://%1/kelo/ntf/").arg(host));
+    const QUrl commonApiUrl(QStringLiteral("%1/kelo/api/common").arg(httpsBase));
+    auto* client =
+        new WSClient(notificationUrl, commonApiUrl, this->merchantId, clientUuid, false, nullptr);
+    connect(client, SIGNAL(textMessageReceived(QString)), this, SLOT(wssNotify(QString)));
+    connect(client, &WSClient::connected, this, [this] { emit cloudConnectionChange(true); });
+    connect(client, &WSClient::closed, this, [this] { emit cloudConnectionChange(false); });
+    client->start();
 }
+
 Kelosdk::~Kelosdk() = default;
-void Kelosdk::userLogin(const QString&, const QString&, Kelosdk::user_type) {}
-void Kelosdk::userLogout() {}
-bool Kelosdk::userName(int&, QString&) { return false; }
-bool Kelosdk::userIslogged() { return currentUserId >= 0; }
-void Kelosdk::foodsRequest() {}
-void Kelosdk::foodOrderRequest(const QJsonObject&) {}
-void Kelosdk::tableRequest() {}
-void Kelosdk::tableFoodsRequest(int) {}
-void Kelosdk::tableMergeRequest(int, int) {}
-void Kelosdk::tumipayRequest(long, const QString&, const QString&) {}
-void Kelosdk::tumipayTransfers(const QString&, long, const QString&, const QString&) {}
-void Kelosdk::tumipayCancel(const QString&) {}
-void Kelosdk::paymentRequest(int, int) {}
-void Kelosdk::wssNotify(const QString&) {}
-void Kelosdk::onNetworkError(int, const QString&) {}
-void Kelosdk::transPermisionRequest(int, long, const QString&, const QString&) {}
-void Kelosdk::onFoodsReadyDownload(const QVariant&) {}
-void Kelosdk::onTumipayQRInvoiceCode(const QVariant&) {}
+
+// ---- shared plumbing -------------------------------------------------------------------------
+
+bool Kelosdk::claim(quint32 bit, int code, const QString& text)
+{
+    if (busyFlags & bit) {
+        emit keloappError(code, text);
+        return false;
+    }
+    busyFlags |= bit;
+    return true;
+}
+
+void Kelosdk::release(quint32 bit)
+{
+    busyFlags &= ~bit;
+}
+
+void Kelosdk::log(const QString& line) const
+{
+    // One plain text per line, so that every line starts with its "KELOSDK>> " tag.
+    if (debugLog)
+        qDebug().noquote() << line;
+}
+
+void Kelosdk::wireError(HttpBase* request, quint32 bit)
+{
+    // Each request object is fresh, so a plain connection is already a unique one.
+    connect(request, &HttpBase::error, this,
+            [this, request, bit](const int& code, const QString& message) {
+                requestFailed(request, bit, code, message);
+            });
+}
+
+void Kelosdk::requestFailed(QObject* request, quint32 bit, int code, const QString& message)
+{
+    log(QStringLiteral("KELOSDK>> Network error, err=%1, msg=%2").arg(code).arg(message));
+    release(bit);
+    emit networkError(code, message);
+    request->deleteLater();
+}
+
+void Kelosdk::fillAndGet(HttpBase* request, const char* path, const QString& cm, const QString& dt)
+{
+    request->setUrl(QUrl(QString::fromLatin1(path).arg(httpsBase)));
+    request->addParameter(QStringLiteral("cm"), cm, true);
+    request->addParameter(QStringLiteral("dt"), dt, false);
+    request->process(HTTP_GET);
+}
+
+void Kelosdk::sendGet(quint32 bit, const char* path, const QString& cm, const QString& dt,
+                      const std::function<void(const QString&)>& onReply)
+{
+    auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
+    connect(request, &HttpBase::done, this, [this, request, bit, onReply](const QVariant& data) {
+        release(bit);
+        onReply(data.toString());
+        request->deleteLater();
+    });
+    wireError(request, bit);
+    fillAndGet(request, path, cm, dt);
+}
+
+void Kelosdk::onNetworkError(int error, const QString& message)
+{
+    log(QStringLiteral("KELOSDK>> Network error=%1, msg=%2").arg(error).arg(message));
+    busyFlags = 0;
+    emit networkError(error, message);
+}
+
+// ---- login session ---------------------------------------------------------------------------
+
+void Kelosdk::userLogin(const QString& usr, const QString& pwd, Kelosdk::user_type usrtype)
+{
+    log(QStringLiteral("KELOSDK>> Login request, user name=") + usr);
+    if (!currentUserName.isEmpty()) {
+        emit keloappError(107, QStringLiteral("user '%1' is logined").arg(currentUserName));
+        return;
+    }
+    if (!claim(BusyLogin, 106, QStringLiteral("kelo process login busy!")))
+        return;
+
+    QString word = QStringLiteral("client_login");
+    if (usrtype == waiter)
+        word = QStringLiteral("waiter_login");
+    else if (usrtype == cashier)
+        word = QStringLiteral("cashier_login");
+
+    sendGet(BusyLogin, "%1/kelo/api/login/?", word, Libcmn::formatLogin(merchantId, usr, pwd),
+            [this](const QString& reply) {
+                log(QStringLiteral("KELOSDK>> User login done, data=") + reply);
+                QString msg;
+                const int code = Libcmn::getErrMsg(reply, &msg);
+                if (code == 0)
+                    Libcmn::getUserId(reply, currentUserId, currentUserName);
+                emit userLoginDone(code, msg);
+            });
+}
+
+void Kelosdk::userLogout()
+{
+    log(QStringLiteral("KELOSDK>> User request logout"));
+    if (currentUserName.isEmpty() && currentUserId < 0) {
+        emit keloappError(108, QStringLiteral("User not logined!"));
+        return;
+    }
+    currentUserName.clear();
+    currentUserId = -1;
+    emit userLogoutDone(0, QStringLiteral("User logout done!"));
+}
+
+bool Kelosdk::userName(int& id, QString& name)
+{
+    log(QStringLiteral("KELOSDK>> User name=") + currentUserName + QStringLiteral(", id=") +
+        number(currentUserId));
+    if (currentUserId < 0)
+        return false;
+    id = currentUserId;
+    name = currentUserName;
+    emit userIdname(currentUserId, currentUserName);
+    return true;
+}
+
+bool Kelosdk::userIslogged()
+{
+    log(QStringLiteral("KELOSDK>> User name=") + currentUserName + QStringLiteral(", id=") +
+        number(currentUserId));
+    return currentUserId >= 0;
+}
+
+// ---- menu, orders and tables -----------------------------------------------------------------
+
+void Kelosdk::foodsRequest()
+{
+    log(QStringLiteral("KELOSDK>> Foods request ..."));
+    if (!claim(BusyMenu, 102, QStringLiteral("kelo process food busy!")))
+        return;
+    auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
+    connect(request, SIGNAL(done(QVariant)), this, SLOT(onFoodsReadyDownload(QVariant)),
+            Qt::UniqueConnection);
+    connect(request, SIGNAL(done(QVariant)), request, SLOT(deleteLater()));
+    wireError(request, BusyMenu);
+    fillAndGet(request, "%1/kelo/api/item/?", QStringLiteral("getlist"),
+               Libcmn::formatRequestFoods(merchantId));
+}
+
+void Kelosdk::onFoodsReadyDownload(const QVariant& data)
+{
+    log(QStringLiteral("KELOSDK>> Foods data content dowloading ..."));
+    auto* manager = new CDownloadFileMan(debugLog, nullptr);
+    connect(manager, &CDownloadFileMan::NotifyComplete, this, [this, manager](const QString& text) {
+        log(QStringLiteral("KELOSDK>> Food request done!"));
+        release(BusyMenu);
+        emit foodsRequestDone(text);
+        manager->deleteLater();
+    });
+    // The manager has no parent; should this object go first, the manager goes with it
+    // instead of running on unobserved.
+    connect(this, &QObject::destroyed, manager, &QObject::deleteLater);
+
+    // The manager pairs its list with the stored text by position: both must be this reply.
+    const QString reply = data.toString();
+    unsigned long long lastUpdate = 0;
+    Libcmn::parseDataFoods(reply, *manager, lastUpdate);
+    manager->SetData(reply);
+    manager->StartDownload();
+}
+
+void Kelosdk::foodOrderRequest(const QJsonObject& foodItems)
+{
+    log(QStringLiteral("KELOSDK>> Food Order request ..."));
+    if (!claim(BusyOrder, 102, QStringLiteral("kelo process food order busy!")))
+        return;
+    sendGet(BusyOrder, "%1/kelo/api/invoice/?", QStringLiteral("confirm_order"),
+            Libcmn::formatRequestOrder(merchantId, currentUserId, foodItems),
+            [this](const QString& reply) {
+                log(QStringLiteral("KELOSDK>> Food order done, data=") + reply);
+                emit foodOrderRequestDone(reply);
+            });
+}
+
+void Kelosdk::tableRequest()
+{
+    log(QStringLiteral("KELOSDK>> Table request ..."));
+    if (!claim(BusyTables, 110, QStringLiteral("kelo process table busy")))
+        return;
+    sendGet(BusyTables, "%1/kelo/api/table/?", QStringLiteral("getlist"),
+            Libcmn::formatRequestFoods(merchantId), [this](const QString& reply) {
+                log(QStringLiteral("KELOSSDK>> Table request respone:") + reply);
+                emit tableRequestDone(reply);
+            });
+    // The bit guards only the building of the request: a second list may be asked for at once.
+    release(BusyTables);
+}
+
+void Kelosdk::tableFoodsRequest(int tableId)
+{
+    log(QStringLiteral("KELOSDK>> Foods order list ..., tableId=") + number(tableId));
+    if (!claim(BusyTableFoods, 111,
+               QStringLiteral("kelo process ordered foods list information detail!")))
+        return;
+    sendGet(BusyTableFoods, "%1/kelo/api/invoice/?", QStringLiteral("get_order_list"),
+            Libcmn::formatOrderlist(merchantId, tableId), [this](const QString& reply) {
+                log(QStringLiteral("KELOSDK>> Food order info detail, data=") + reply);
+                emit tableFoodsDone(reply);
+            });
+}
+
+void Kelosdk::tableMergeRequest(int frmtableId, int totableId)
+{
+    log(QStringLiteral("KELOSDK>> Merge table, from:%1 to:%2").arg(frmtableId).arg(totableId));
+    if (!claim(BusyMerge, 112, QStringLiteral("kelo process merge table!")))
+        return;
+    sendGet(BusyMerge, "%1/kelo/api/invoice/?", QStringLiteral("merge_table"),
+            Libcmn::formatMergetable(merchantId, frmtableId, totableId),
+            [this](const QString& reply) {
+                log(QStringLiteral("KELOSDK>> Merge table done, data=") + reply);
+                // The server may answer a merge with an empty body: that is a success.
+                emit tableMergeDone(
+                    reply.isEmpty() ? Libcmn::buildMsg(0, QStringLiteral("table merge success!"))
+                                    : reply);
+            });
+}
+
+// ---- payments and e-wallet invoices ----------------------------------------------------------
+
+void Kelosdk::paymentRequest(int tableId, int amount)
+{
+    log(QStringLiteral("KELOSDK>> Payment request, table id=%1, amount=%2")
+            .arg(tableId)
+            .arg(amount));
+    if (!claim(BusyPayment, 113, QStringLiteral("kelo process payment busy")))
+        return;
+    sendGet(BusyPayment, "%1/kelo/api/invoice/?", QStringLiteral("payment"),
+            Libcmn::formatPayment(merchantId, tableId, currentUserId, amount),
+            [this](const QString& reply) {
+                // The payment answer is logged with the table list's line.
+                log(QStringLiteral("KELOSSDK>> Table request respone:") + reply);
+                emit paymentDone(reply);
+            });
+    // Like the table list, the bit guards only the building of the request.
+    release(BusyPayment);
+}
+
+void Kelosdk::tumipayRequest(long money, const QString& description, const QString& itemDetail)
+{
+    log(QStringLiteral("KELOSDK>> Tumipay request, money=") + number(money) +
+        QStringLiteral(", description=") + description + QStringLiteral(", detail=") + itemDetail);
+    if (!claim(BusyInvoice, 103, QStringLiteral("kelo process tumipay busy")))
+        return;
+    transPermisionRequest(1, money, description, itemDetail);
+}
+
+HttpBase2* Kelosdk::newTransferRequest()
+{
+    auto* request =
+        new HttpBase2(QUrl(QStringLiteral("%1/kelo/api/invoice/").arg(httpsBase)), this, false);
+    transferRequest = request;
+    // The object is released by deleteLater() from its handlers; never reuse a stale pointer.
+    connect(request, &QObject::destroyed, this, [this, request] {
+        if (transferRequest == request)
+            transferRequest = nullptr;
+    });
+    // A transport error on the session or on the "create" that reuses this object.
+    connect(request, &HttpBase2::error, this,
+            [this, request](const int& code, const QString& message) {
+                requestFailed(request, BusyInvoice, code, message);
+            });
+    return request;
+}
+
+void Kelosdk::transPermisionRequest(int paytype, long money, const QString& description,
+                                    const QString& itemDetail)
+{
+    HttpBase2* request = newTransferRequest();
+    // The session handler stays connected when "create" reuses the object, so it also sees
+    // the "create" reply. A "create" reply with "err" 0 and no "dt" reads as a session (code 0,
+    // empty id) and would send a second "create" on an object already scheduled for deletion:
+    // once the object carries "create", its replies belong to onTumipayQRInvoiceCode alone.
+    connect(request, &HttpBase2::done, this,
+            [this, request, paytype, money, description, itemDetail](const QVariant& data) {
+                if (request->property(CreateSent).toBool())
+                    return;
+                QString sesId;
+                const int code = Libcmn::getSesId(data.toString(), sesId);
+                // A refused session emits nothing and keeps bit 2 until a cancel, a transport
+                // error or onNetworkError frees it.
+                if (code == 0 && paytype == 1)
+                    tumipayTransfers(sesId, money, description, itemDetail);
+            });
+    request->addParameter(QStringLiteral("cm"), QStringLiteral("get_session"), true);
+    request->addParameter(QStringLiteral("dt"), Libcmn::formatSession(merchantId, clientUuid),
+                          false);
+    request->process(HTTP_POST);
+}
+
+void Kelosdk::tumipayTransfers(const QString& sesId, long money, const QString& description,
+                               const QString& itemDetail)
+{
+    // Called by a host directly, without a session request before it: make the object the
+    // session request would have made, so that the call cannot touch a missing one.
+    if (!transferRequest)
+        newTransferRequest();
+    HttpBase2* request = transferRequest;
+    request->setProperty(CreateSent, true);
+    connect(request, SIGNAL(done(QVariant)), this, SLOT(onTumipayQRInvoiceCode(QVariant)),
+            Qt::UniqueConnection);
+    connect(request, SIGNAL(done(QVariant)), request, SLOT(deleteLater()));
+
+    const QString dtText =
+        Libcmn::formatTumipay(merchantId, machineName, clientUuid, money, description, itemDetail);
+    // Two successive substitutions, as the server computes them: a "%1" inside the message
+    // takes the session, and the "%2" then stays in the signed text.
+    const QString tk = Libcmn::HMacSha256(QStringLiteral("%1%2").arg(dtText).arg(sesId));
+    const QString dtSent = QString::fromUtf8(QUrl::toPercentEncoding(dtText));
+
+    request->addParameter(QStringLiteral("cm"), QStringLiteral("create"), true);
+    request->addParameter(QStringLiteral("tk"), tk, false);
+    request->addParameter(QStringLiteral("dt"), dtSent, false);
+    request->process(HTTP_POST);
+}
+
+void Kelosdk::onTumipayQRInvoiceCode(const QVariant& data)
+{
+    const QString reply = data.toString();
+    log(QStringLiteral("KELOSDK>> Tumipay respone, data=") + reply);
+    QString msg;
+    QString readInvoiceCode;
+    const int code = Libcmn::getInvoiceQR(reply, msg, readInvoiceCode, nullptr, nullptr);
+    if (code == 0) {
+        invoiceCode = readInvoiceCode;
+        emit tumiQRInvoiceCode(reply);
+    } else {
+        emit keloappError(code, msg);
+    }
+    // Bit 2 stays set while the invoice is open: a second invoice waits for a cancel.
+}
+
+void Kelosdk::tumipayCancel(const QString& invoiceCode)
+{
+    if (invoiceCode.isEmpty() || invoiceCode != this->invoiceCode) {
+        log(QStringLiteral("KELOSDK>> Cancel invoice code not existed!, invoice code=") +
+            invoiceCode);
+        emit keloappError(
+            105, QStringLiteral("kelo cancel invoice code not existed (%1)").arg(invoiceCode));
+        return;
+    }
+    log(QStringLiteral("KELOSDK>> Tumipay cancel, invoice code=") + invoiceCode);
+    if (busyFlags & BusyCancel) {
+        log(QStringLiteral("KELOSDK>> Please waiting, system busy cancel process ..."));
+        emit keloappError(104, QStringLiteral("kelo process paycancel busy"));
+        return;
+    }
+    busyFlags |= BusyCancel;
+    sendGet(BusyCancel, "%1/kelo/api/invoice", QStringLiteral("cancel"),
+            Libcmn::formatInvoiceCancel(invoiceCode, merchantId), [this](const QString& reply) {
+                log(QStringLiteral("KELOSSDK>> Tumipay cancel respone:") + reply);
+                this->invoiceCode.clear();
+                emit tumipayCancelDone(reply);
+            });
+    // A cancel frees the way for a new invoice at once.
+    release(BusyInvoice);
+}
+
+void Kelosdk::wssNotify(const QString& message)
+{
+    log(QStringLiteral("KELOSDK>> Server notify:") + message);
+    const QString word = Libcmn::getNotifyMsg(message);
+    if (word != QLatin1String("payment_success")) {
+        emit notify(word);
+        return;
+    }
+    QString noticeCode;
+    QJsonObject dt;
+    Libcmn::getNotifyDt(message, noticeCode, dt);
+    if (noticeCode == invoiceCode)
+        invoiceCode.clear();
+    emit tumipayRequestDone(Libcmn::buildTumipayResponeMsg(-1, word, dt));
+}

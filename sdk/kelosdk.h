@@ -7,6 +7,9 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
+
+class HttpBase;
 class HttpBase2;
 
 /**
@@ -28,7 +31,8 @@ class KELO_EXPORT Kelosdk : public QObject
     Q_OBJECT
 public:
     /// Staff role of a login.
-    enum user_type {
+    enum user_type
+    {
         client = 0, ///< "client_login"
         waiter = 1, ///< "waiter_login"
         cashier = 2 ///< "cashier_login"
@@ -125,4 +129,20 @@ private:
     QString currentUserName;
     qint32 currentUserId = -1;
     HttpBase2* transferRequest = nullptr;
+
+    // Busy guard: false (after keloappError(code, text)) if @p bit is taken, else takes it.
+    bool claim(quint32 bit, int code, const QString& text);
+    void release(quint32 bit);
+    // One "KELOSDK>> " line, only when debugLog is set.
+    void log(const QString& line) const;
+    // The common request shape with a GET: the done handler clears @p bit, runs @p onReply with
+    // the reply text and releases the request.
+    void sendGet(quint32 bit, const char* path, const QString& cm, const QString& dt,
+                 const std::function<void(const QString&)>& onReply);
+    void fillAndGet(HttpBase* request, const char* path, const QString& cm, const QString& dt);
+    // The common error handler of a flow, clearing @p bit.
+    void wireError(HttpBase* request, quint32 bit);
+    void requestFailed(QObject* request, quint32 bit, int code, const QString& message);
+    // The e-wallet chain's request object (kept in transferRequest) with its error handler.
+    HttpBase2* newTransferRequest();
 };

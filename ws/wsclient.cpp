@@ -1,25 +1,284 @@
 #include "wsclient.h"
 
-// Placeholder bodies: the notification channel work replaces them.
+#include "httpbase.h"
+#include "libcmn.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QSet>
+#include <QTime>
+#include <QTimerEvent>
+
+namespace {
+
+constexpr int keepAliveIntervalMs = 3000;
+constexpr unsigned long watchdogPeriodS = 3;
+constexpr unsigned long sessionBusyWaitS = 6;
+
+QString now()
+{
+    return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
+}
+
+/*
+ * The SDK never deletes its client, so a watchdog thread may still be sleeping when the host
+ * destroys its QCoreApplication and the process exits. Were it to wake up then, it would emit
+ * reconnect() into an event system that static destruction is tearing down. Every started client
+ * is therefore listed here, and all live watchdogs are stopped (terminated and joined) from a
+ * post routine, which the QCoreApplication destructor runs while Qt is still whole. For a host
+ * that never destroys its application object, a static guard does the same at static
+ * destruction, before the Qt globals that were created earlier go away.
+ */
+class WatchdogRegistry
+{
+public:
+    // Never destroyed, so that a client deleted during static destruction still finds it.
+    static WatchdogRegistry& instance()
+    {
+        static WatchdogRegistry* registry = new WatchdogRegistry;
+        static StopAtStaticDestruction backstop{registry};
+        return *registry;
+    }
+
+    void add(WSClient* client)
+    {
+        QMutexLocker lock(&mutex);
+        clients.insert(client);
+        // ~QCoreApplication empties the list of post routines after running it: arm it again
+        // for the next application object.
+        if (!postRoutineArmed) {
+            postRoutineArmed = true;
+            qAddPostRoutine(&WatchdogRegistry::stopAllAtExit);
+        }
+    }
+
+    void remove(WSClient* client)
+    {
+        QMutexLocker lock(&mutex);
+        clients.remove(client);
+    }
+
+private:
+    struct StopAtStaticDestruction
+    {
+        WatchdogRegistry* registry;
+        ~StopAtStaticDestruction() { registry->stopAll(); }
+    };
+
+    static void stopAllAtExit() { instance().stopAll(); }
+
+    void stopAll()
+    {
+        QMutexLocker lock(&mutex);
+        postRoutineArmed = false;
+        for (WSClient* client : qAsConst(clients)) {
+            client->stop();
+            client->wait();
+        }
+    }
+
+    QMutex mutex;
+    QSet<WSClient*> clients;
+    bool postRoutineArmed = false;
+};
+
+} // namespace
+
 WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode, QString devid,
                    bool debug, QObject* parent)
     : QThread(parent), webSocket(QString(), QWebSocketProtocol::VersionLatest, nullptr),
       wsUrl(wsUrl), httpUrl(httpUrl), merchantCode(merchantCode), devid(devid), debug(debug)
 {
+    if (debug) {
+        qDebug().nospace().noquote() << "wsurl:" << wsUrl.toString();
+        qDebug().nospace().noquote() << "httpurl:" << httpUrl.toString();
+    }
+
+    // Connected first, so the mirror is current before any handler below runs.
+    connect(&webSocket, &QWebSocket::stateChanged, this, &WSClient::refreshSocketValidity);
+    connect(&webSocket, &QWebSocket::connected, this, &WSClient::refreshSocketValidity);
+    connect(&webSocket, &QWebSocket::disconnected, this, &WSClient::refreshSocketValidity);
+
+    connect(&webSocket, &QWebSocket::connected, this, &WSClient::onConnected);
+    connect(&webSocket, &QWebSocket::disconnected, this, &WSClient::onClosed);
+    connect(&webSocket, &QWebSocket::textMessageReceived, this, &WSClient::textMessageReceived);
+    connect(&webSocket, &QWebSocket::pong, this, &WSClient::onPong);
+    qRegisterMetaType<QAbstractSocket::SocketError>();
+    connect(&webSocket, SIGNAL(error(QAbstractSocket::SocketError)), this,
+            SLOT(onError(QAbstractSocket::SocketError)));
+    connect(this, &WSClient::reconnect, this, &WSClient::getSession);
 }
-WSClient::~WSClient() = default;
-void WSClient::start() {}
-void WSClient::stop() {}
-void WSClient::sendTextMessage(QString) {}
-void WSClient::getSession() {}
-void WSClient::openConnection(const QString&) {}
-void WSClient::onPong(quint64, const QByteArray&) {}
-void WSClient::onConnected() {}
-void WSClient::onTextMessageReceived(QString) {}
-void WSClient::onClosed() {}
-void WSClient::onReConnect() {}
-void WSClient::onSessionDone(QVariant) {}
-void WSClient::onSessionError(int, QString) {}
-void WSClient::onError(QAbstractSocket::SocketError) {}
-void WSClient::run() {}
-void WSClient::timerEvent(QTimerEvent*) {}
+
+WSClient::~WSClient()
+{
+    if (debug)
+        qDebug() << "close websocket client!";
+    WatchdogRegistry::instance().remove(this);
+    // Destroying a QThread whose thread still runs aborts the process, so a client deleted
+    // without stop() ends its watchdog here first.
+    if (isRunning()) {
+        stop();
+        wait();
+    }
+    // The socket closes itself while it is destroyed; its signals must not reach the handlers
+    // of this half-destroyed object.
+    webSocket.disconnect(this);
+    // A fetch still in flight is owned here until it is handed to deleteLater().
+    delete sessionRequest;
+}
+
+void WSClient::start()
+{
+    timerId = startTimer(keepAliveIntervalMs, Qt::CoarseTimer);
+    running = true;
+    getSession();
+    WatchdogRegistry::instance().add(this);
+    QThread::start(QThread::InheritPriority);
+}
+
+void WSClient::stop()
+{
+    running = false;
+    terminate();
+}
+
+void WSClient::sendTextMessage(QString message)
+{
+    const qint64 sent = webSocket.sendTextMessage(message);
+    if (debug)
+        qDebug().nospace() << "Sent: " << sent;
+}
+
+void WSClient::getSession()
+{
+    if (sessionBusy)
+        return;
+    sessionBusy = true;
+    sessionRequest = new HttpBase(httpUrl, nullptr, false);
+    connect(sessionRequest, SIGNAL(done(QVariant)), this, SLOT(onSessionDone(QVariant)));
+    connect(sessionRequest, SIGNAL(error(int, QString)), this, SLOT(onSessionError(int, QString)));
+    sessionRequest->addParameter(QStringLiteral("cm"), QStringLiteral("get_ws_session"), true);
+    sessionRequest->addParameter(QStringLiteral("dt"), Libcmn::formatWsSession(merchantCode, devid),
+                                 false);
+    sessionRequest->process(HTTP_POST);
+}
+
+void WSClient::openConnection(const QString& sessionId)
+{
+    const QString connectString =
+        Libcmn::formatWsConnectString(wsUrl.toString(), merchantCode, devid, sessionId);
+    webSocket.open(QUrl(connectString));
+}
+
+void WSClient::onPong(quint64, const QByteArray&)
+{
+    missedPongs = 0;
+}
+
+void WSClient::onConnected()
+{
+    if (debug)
+        qDebug().noquote() << QStringLiteral("WebSocket connected ") + now();
+    emit connected();
+    missedPongs = 0;
+}
+
+void WSClient::onTextMessageReceived(QString message)
+{
+    if (debug)
+        qDebug().noquote() << QStringLiteral("Message received:") + message;
+    emit textMessageReceived(message);
+}
+
+void WSClient::onClosed()
+{
+    if (debug)
+        qDebug().noquote() << QStringLiteral("WebSocket disconnected ") + now();
+    webSocket.close(QWebSocketProtocol::CloseCodeNormal, QString());
+    emit closed();
+}
+
+void WSClient::onReConnect()
+{
+    webSocket.open(wsUrl);
+}
+
+void WSClient::onSessionDone(QVariant data)
+{
+    sessionBusy = false;
+    releaseSessionRequest();
+    QString sessionId;
+    if (Libcmn::parseWsSid(data.toString(), &sessionId) == 0)
+        openConnection(sessionId);
+}
+
+void WSClient::onSessionError(int, QString)
+{
+    sessionBusy = false;
+    releaseSessionRequest();
+}
+
+void WSClient::onError(QAbstractSocket::SocketError error)
+{
+    if (debug)
+        qDebug().nospace() << "WSError: " << error;
+}
+
+void WSClient::run()
+{
+    // stop() ends this thread with terminate(). Termination is let through only while the
+    // thread sleeps: cancelled inside a log line or a signal emission, the thread would unwind
+    // through Qt code that cannot be unwound (a destructor), which aborts the process.
+    setTerminationEnabled(false);
+    while (running) {
+        while (sessionBusy) {
+            sleepTerminable(sessionBusyWaitS);
+            if (!running)
+                return;
+        }
+        sleepTerminable(watchdogPeriodS);
+        if (socketValid)
+            continue;
+        if (debug)
+            qDebug() << "Reconnect";
+        emit reconnect();
+    }
+}
+
+void WSClient::sleepTerminable(unsigned long seconds)
+{
+    setTerminationEnabled(true); // a terminate() that came meanwhile takes effect here
+    QThread::sleep(seconds);
+    setTerminationEnabled(false);
+}
+
+void WSClient::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() != timerId)
+        return;
+    if (missedPongs > 2) {
+        onClosed();
+        return;
+    }
+    if (webSocket.isValid()) {
+        webSocket.ping(QStringLiteral("ping").toLocal8Bit());
+        ++missedPongs;
+    } else if (debug) {
+        qDebug() << "Websocket not valid";
+    }
+}
+
+void WSClient::refreshSocketValidity()
+{
+    socketValid = webSocket.isValid();
+}
+
+void WSClient::releaseSessionRequest()
+{
+    // Null only when a host calls the handler itself with no fetch in flight.
+    if (sessionRequest)
+        sessionRequest->deleteLater();
+    sessionRequest = nullptr;
+}

@@ -31,6 +31,7 @@ public:
     /// @p wsUrl: the notification endpoint; @p httpUrl: the common API endpoint for sessions.
     WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode, QString devid,
              bool debug, QObject* parent);
+    /// Ends a watchdog that is still running (a running QThread must not be destroyed).
     ~WSClient() override;
 
     /// Starts the keep-alive timer, fetches a session at once and starts the watchdog thread.
@@ -77,6 +78,18 @@ private:
     std::atomic<bool> running{false};
     std::atomic<bool> sessionBusy{false};
     int timerId = 0;
+    // Only onPong() and onConnected() reset the count, but the keep-alive tick reads it from the
+    // first tick on: starting at 0 means no forced close before the first connection.
     int missedPongs = 0;
     HttpBase* sessionRequest = nullptr;
+
+    // The watchdog must not call webSocket.isValid() itself: the socket belongs to the creating
+    // thread, and reading its state from another thread is a data race. The creating thread
+    // mirrors the validity here on every state change of the socket; the watchdog reads this.
+    std::atomic<bool> socketValid{false};
+    void refreshSocketValidity();
+    /// Hands the finished session request to deleteLater().
+    void releaseSessionRequest();
+    /// The watchdog's sleep, the only place where terminate() may end the thread.
+    static void sleepTerminable(unsigned long seconds);
 };

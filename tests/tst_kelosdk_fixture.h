@@ -1,0 +1,99 @@
+// Shared by the Kelosdk suites: one local cloud per test executable, a fresh SDK object per test.
+#pragma once
+
+#include "kelosdk.h"
+#include "testcloud.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStandardPaths>
+#include <QtTest>
+
+#include <functional>
+#include <memory>
+
+using kelocloud::CloudExchange;
+using kelocloud::CloudReply;
+
+/// One request slot call, as a data-table value.
+using SdkCall = std::function<void(Kelosdk&)>;
+Q_DECLARE_METATYPE(SdkCall)
+Q_DECLARE_METATYPE(kelocloud::CloudReply)
+
+constexpr char kMerchant[] = "M01";
+constexpr char kMachine[] = "POS-1";
+
+/// A scripted answer with @p body (status 200).
+inline CloudReply replyWith(const QByteArray& body, int status = 200)
+{
+    CloudReply reply;
+    reply.status = status;
+    reply.body = body;
+    return reply;
+}
+
+/// A scripted transport fault.
+inline CloudReply faultReply(CloudReply::Fault fault)
+{
+    CloudReply reply;
+    reply.fault = fault;
+    return reply;
+}
+
+/// The local cloud of one suite and the SDK object of the current test.
+class SdkFixture
+{
+public:
+    /// Starts the cloud and points the SDK at it; call from initTestCase().
+    bool startCloud()
+    {
+        QStandardPaths::setTestModeEnabled(true);
+        if (!cloud.start())
+            return false;
+        cloud.pointSdkHere();
+        return true;
+    }
+
+    /// A fresh SDK object on a quiet server (no scripts, no recorded requests).
+    Kelosdk& newSdk(bool debug = false)
+    {
+        cloud->clearScripts();
+        cloud->clearExchanges();
+        sdk.reset(
+            new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), debug));
+        return *sdk;
+    }
+
+    /// The SDK's device id, as its notification client sent it in "get_ws_session".
+    QString deviceId()
+    {
+        if (!QTest::qWaitFor([this] {
+                return !cloud->exchanges("/kelo/api/common", "get_ws_session").isEmpty();
+            }))
+            return {};
+        const CloudExchange session =
+            cloud->exchanges("/kelo/api/common", "get_ws_session").constLast();
+        return QJsonDocument::fromJson(session.param(QStringLiteral("dt")).toUtf8())
+            .object()
+            .value(QStringLiteral("devid"))
+            .toString();
+    }
+
+    /// Scripts @p failure for the next request of @p path / @p cm. Qt sends a request once more
+    /// when its connection closes before any answer, so a fault is scripted for every attempt;
+    /// clearScripts() ends it.
+    void scriptFailure(const QByteArray& path, const QString& cm, const CloudReply& failure)
+    {
+        cloud->scriptReply(path, cm, failure, 10);
+    }
+
+    /// Waits until @p count requests of @p path / @p cm have been received.
+    bool waitExchanges(const QByteArray& path, const QString& cm, int count)
+    {
+        return QTest::qWaitFor([&] { return cloud->exchanges(path, cm).size() >= count; });
+    }
+
+    TestCloud cloud;
+    std::unique_ptr<Kelosdk> sdk;
+};
