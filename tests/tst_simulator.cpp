@@ -62,7 +62,9 @@ public:
         env.insert("XDG_DATA_HOME", dir.path());
         env.insert("XDG_RUNTIME_DIR", dir.path()); // private, as Qt Gui wants it
         process.setProcessEnvironment(env);
-        process.start(KELO_CLOUD_TOOL_PATH, QStringList{"--ca-dir", dir.path()} + arguments);
+        const QStringList command = QStringLiteral(KELO_CLOUD_TOOL_COMMAND).split('|');
+        process.start(command.first(),
+                      command.mid(1) + QStringList{"--ca-dir", dir.path()} + arguments);
     }
     ~Tool()
     {
