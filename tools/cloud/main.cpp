@@ -54,8 +54,8 @@ QString trustAndFixtureHelp(const QString& caPath)
 {
     return QStringLiteral(
                "Trust: the server's certificate is signed by a development CA made on the first\n"
-               "run and kept in the CA directory. Clients trust that CA, and nothing is switched\n"
-               "off: in a Qt host, before the first request,\n"
+               "run and kept in the CA directory. Clients must trust that CA (never switch the\n"
+               "certificate checks off): in a Qt host, before the first request,\n"
                "    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();\n"
                "    tls.addCaCertificates(QSslCertificate::fromPath(\"%1\"));\n"
                "    QSslConfiguration::setDefaultConfiguration(tls);\n"
