@@ -4,6 +4,7 @@
 //
 //   kelo_bench [--json FILE] [--callgrind-counts SDK BASE] [--lib-size BYTES]
 //              [--lib-size-armhf BYTES] [--idle-seconds N]
+//   kelo_bench --only menu                     (the menu sync alone, for a profiler)
 //   kelo_bench --callgrind sdk|baseline|none   (one catalogue rewrite, for valgrind)
 
 #include "cdownloadfileman.h"
@@ -584,6 +585,11 @@ int main(int argc, char** argv)
     if (!bench.setUp())
         return 1;
     auto phase = [](const char* name) { std::fprintf(stderr, "bench: %s\n", name); };
+    // --only menu: the menu sync alone (for a profiler)
+    if (option("--only") == QLatin1String("menu")) {
+        printTable(bench.menuSync());
+        return 0;
+    }
     phase("menu sync");
     rows += bench.menuSync();
     phase("round trip");
