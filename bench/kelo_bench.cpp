@@ -152,6 +152,26 @@ void printTable(const QList<Row>& rows)
     std::fflush(stdout);
 }
 
+/// Cores, CPU model and load: the context every figure needs on a shared machine.
+QJsonObject machine()
+{
+    QString model;
+    QFile cpuinfo(QStringLiteral("/proc/cpuinfo"));
+    if (cpuinfo.open(QIODevice::ReadOnly))
+        for (const QByteArray& line : cpuinfo.readAll().split('\n'))
+            if (line.startsWith("model name")) {
+                model = QString::fromUtf8(line.mid(line.indexOf(':') + 1)).trimmed();
+                break;
+            }
+    QFile loadavg(QStringLiteral("/proc/loadavg"));
+    const QString load =
+        loadavg.open(QIODevice::ReadOnly)
+            ? QString::fromLatin1(loadavg.readAll()).section(QLatin1Char(' '), 0, 2)
+            : QString();
+    return {
+        {"nproc", static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN))}, {"cpu", model}, {"load", load}};
+}
+
 void writeJson(const QList<Row>& rows, const QString& path)
 {
     QJsonArray array;
@@ -166,7 +186,9 @@ void writeJson(const QList<Row>& rows, const QString& path)
     }
     QFile file(path);
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(QJsonDocument(QJsonObject{{"runs", kRuns}, {"figures", array}}).toJson());
+        file.write(
+            QJsonDocument(QJsonObject{{"runs", kRuns}, {"machine", machine()}, {"figures", array}})
+                .toJson());
 }
 
 // ---- catalogue CPU (figure 4) --------------------------------------------------------------
@@ -331,8 +353,12 @@ public:
     double sdkFoods()
     {
         bool done = false;
-        auto c = QObject::connect(sdk.get(), &Kelosdk::foodsRequestDone,
-                                  [&](const QString&) { done = true; });
+        auto c = QObject::connect(sdk.get(), &Kelosdk::foodsRequestDone, [&](const QString& menu) {
+            done = true;
+            // a sync that fell back to placeholders would be cheap
+            if (menu.contains(QLatin1String("qrc:/icons")))
+                qWarning("menu sync left placeholder pictures");
+        });
         const auto start = Clock::now();
         sdk->foodsRequest();
         if (!waitFor([&] { return done; }, 120000))
@@ -380,7 +406,10 @@ public:
             QTemporaryDir bareDir;
             coldBare.push_back(bareFoods(menuUrl, bareDir.path()));
             QDir(pictureDir()).removeRecursively();
+            const int before = cloud.exchanges("/pics/").size();
             coldSdk.push_back(sdkFoods());
+            if (cloud.exchanges("/pics/").size() - before != kDishes)
+                qWarning("a cold menu sync did not fetch every picture");
         }
         for (int i = 0; i < kRuns; ++i) {
             QNetworkAccessManager nam;
