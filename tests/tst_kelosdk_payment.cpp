@@ -100,7 +100,7 @@ void TestPaymentFlows::invoiceChainEndToEnd()
     QFETCH(QString, description);
 
     Kelosdk& sdk = f.newSdk();
-    const QString devid = f.deviceId();
+    const QString devid = f.device;
     QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
     QSignalSpy qr(&sdk, SIGNAL(tumiQRInvoiceCode(QString)));
     QSignalSpy paid(&sdk, SIGNAL(tumipayRequestDone(QString)));
@@ -174,7 +174,7 @@ void TestPaymentFlows::invoiceChainEndToEnd()
 void TestPaymentFlows::noticeForAnotherInvoiceKeepsTheCode()
 {
     Kelosdk& sdk = sdkWithOpenInvoice();
-    const QString devid = f.deviceId();
+    const QString devid = f.device;
     QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
     QSignalSpy paid(&sdk, SIGNAL(tumipayRequestDone(QString)));
     QSignalSpy notified(&sdk, SIGNAL(notify(QString)));
@@ -214,7 +214,7 @@ void TestPaymentFlows::otherNoticesPassTheirWord()
     QFETCH(QString, word);
 
     Kelosdk& sdk = sdkWithOpenInvoice();
-    const QString devid = f.deviceId();
+    const QString devid = f.device;
     QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
     QSignalSpy notified(&sdk, SIGNAL(notify(QString)));
     QSignalSpy paid(&sdk, SIGNAL(tumipayRequestDone(QString)));
