@@ -71,7 +71,7 @@ void TestKelosdk::opensTheNotificationChannelAsItsDevice()
 {
     Kelosdk& sdk = f.newSdk();
     QSignalSpy connection(&sdk, SIGNAL(cloudConnectionChange(bool)));
-    QVERIFY(connection.wait(10000));
+    QVERIFY(connection.wait(kWait));
     QCOMPARE(connection.constFirst(), QVariantList{true});
 
     const QString devid = f.device;
@@ -80,7 +80,7 @@ void TestKelosdk::opensTheNotificationChannelAsItsDevice()
         f.cloud->exchanges("/kelo/api/common", QStringLiteral("get_ws_session")).constFirst();
     QCOMPARE(session.param(QStringLiteral("dt")),
              QStringLiteral(R"({"devid":"%1","merchant_code":"M01"})").arg(devid));
-    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
+    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }, kWait));
     const kelocloud::CloudUpgrade upgrade = f.cloud->upgrades().constLast();
     QCOMPARE(upgrade.query.queryItemValue(QStringLiteral("appuser")), QStringLiteral("M01"));
     QCOMPARE(upgrade.query.queryItemValue(QStringLiteral("devid")), devid);
@@ -118,7 +118,7 @@ void TestKelosdk::runDay(Kelosdk& sdk)
 
     const auto waitFor = [&](const char* signal) {
         QSignalSpy spy(&sdk, signal);
-        return spy.wait();
+        return spy.wait(kWait);
     };
     int id = 0;
     QString name;
@@ -252,7 +252,7 @@ void TestKelosdk::untrustedServerEndsInATlsError()
     QSignalSpy done(&sdk, SIGNAL(tableRequestDone(QString)));
 
     sdk.tableRequest();
-    QVERIFY(netError.wait());
+    QVERIFY(netError.wait(kWait));
     QCOMPARE(netError.constFirst().at(0).toInt(), int(QNetworkReply::SslHandshakeFailedError));
     QVERIFY(!netError.constFirst().at(1).toString().isEmpty());
     QCOMPARE(done.size(), 0);
@@ -264,7 +264,7 @@ void TestKelosdk::outlivedByItsNotificationClient()
     f.cloud->clearExchanges();
     auto* sdk = new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), true);
     const QString devid = f.newDevice();
-    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
+    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }, kWait));
     const auto upgradesOf = [&] {
         int n = 0;
         for (const kelocloud::CloudUpgrade& upgrade : f.cloud->upgrades())
@@ -278,7 +278,7 @@ void TestKelosdk::outlivedByItsNotificationClient()
     QVERIFY(f.cloud->pushText(devid, R"({"dt":{"invoice_code":"A"},"msg":"payment_success"})"));
     QVERIFY(f.cloud->pushText(devid, R"({"msg":"hello"})"));
     f.cloud->dropWebSockets();
-    QTRY_VERIFY_WITH_TIMEOUT(upgradesOf() > before, 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(upgradesOf() > before, 2 * kWait);
 }
 
 QTEST_GUILESS_MAIN(TestKelosdk)

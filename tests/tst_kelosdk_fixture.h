@@ -23,6 +23,8 @@ Q_DECLARE_METATYPE(SdkCall)
 Q_DECLARE_METATYPE(kelocloud::CloudReply)
 
 constexpr char kMerchant[] = "M01";
+// Generous: only a failing test waits this long, and sanitizers or an emulator slow TLS down.
+constexpr int kWait = 30000;
 constexpr char kMachine[] = "POS-1";
 
 /// A scripted answer with @p body (status 200).
@@ -74,21 +76,23 @@ public:
     QString newDevice()
     {
         QString found;
-        const bool seen = QTest::qWaitFor([&] {
-            for (const CloudExchange& e :
-                 cloud->exchanges("/kelo/api/common", QStringLiteral("get_ws_session"))) {
-                const QString devid =
-                    QJsonDocument::fromJson(e.param(QStringLiteral("dt")).toUtf8())
-                        .object()
-                        .value(QStringLiteral("devid"))
-                        .toString();
-                if (!known.contains(devid)) {
-                    found = devid;
-                    return true;
+        const bool seen = QTest::qWaitFor(
+            [&] {
+                for (const CloudExchange& e :
+                     cloud->exchanges("/kelo/api/common", QStringLiteral("get_ws_session"))) {
+                    const QString devid =
+                        QJsonDocument::fromJson(e.param(QStringLiteral("dt")).toUtf8())
+                            .object()
+                            .value(QStringLiteral("devid"))
+                            .toString();
+                    if (!known.contains(devid)) {
+                        found = devid;
+                        return true;
+                    }
                 }
-            }
-            return false;
-        });
+                return false;
+            },
+            kWait);
         if (!seen)
             qWarning("no new device asked for a notification session");
         known.insert(found);
@@ -106,7 +110,7 @@ public:
     /// Waits until @p count requests of @p path / @p cm have been received.
     bool waitExchanges(const QByteArray& path, const QString& cm, int count)
     {
-        return QTest::qWaitFor([&] { return cloud->exchanges(path, cm).size() >= count; });
+        return QTest::qWaitFor([&] { return cloud->exchanges(path, cm).size() >= count; }, kWait);
     }
 
     TestCloud cloud;
