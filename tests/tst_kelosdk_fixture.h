@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QStandardPaths>
 #include <QtTest>
 
@@ -22,6 +23,8 @@ Q_DECLARE_METATYPE(SdkCall)
 Q_DECLARE_METATYPE(kelocloud::CloudReply)
 
 constexpr char kMerchant[] = "M01";
+// Generous: only a failing test waits this long, and sanitizers or an emulator slow TLS down.
+constexpr int kWait = 30000;
 constexpr char kMachine[] = "POS-1";
 
 /// A scripted answer with @p body (status 200).
@@ -55,29 +58,45 @@ public:
         return true;
     }
 
-    /// A fresh SDK object on a quiet server (no scripts, no recorded requests).
+    /// A fresh SDK object on a quiet server (no scripts, no recorded requests); its device id
+    /// is in device.
     Kelosdk& newSdk(bool debug = false)
     {
         cloud->clearScripts();
         cloud->clearExchanges();
         sdk.reset(
             new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), debug));
+        device = newDevice();
         return *sdk;
     }
 
-    /// The SDK's device id, as its notification client sent it in "get_ws_session".
-    QString deviceId()
+    /// The device id of the SDK object constructed last: the one its notification client names
+    /// in "get_ws_session" and no earlier object did. Clients of deleted objects live on and
+    /// may ask again, so every object constructed on this cloud is followed by this call.
+    QString newDevice()
     {
-        if (!QTest::qWaitFor([this] {
-                return !cloud->exchanges("/kelo/api/common", "get_ws_session").isEmpty();
-            }))
-            return {};
-        const CloudExchange session =
-            cloud->exchanges("/kelo/api/common", "get_ws_session").constLast();
-        return QJsonDocument::fromJson(session.param(QStringLiteral("dt")).toUtf8())
-            .object()
-            .value(QStringLiteral("devid"))
-            .toString();
+        QString found;
+        const bool seen = QTest::qWaitFor(
+            [&] {
+                for (const CloudExchange& e :
+                     cloud->exchanges("/kelo/api/common", QStringLiteral("get_ws_session"))) {
+                    const QString devid =
+                        QJsonDocument::fromJson(e.param(QStringLiteral("dt")).toUtf8())
+                            .object()
+                            .value(QStringLiteral("devid"))
+                            .toString();
+                    if (!known.contains(devid)) {
+                        found = devid;
+                        return true;
+                    }
+                }
+                return false;
+            },
+            kWait);
+        if (!seen)
+            qWarning("no new device asked for a notification session");
+        known.insert(found);
+        return found;
     }
 
     /// Scripts @p failure for the next request of @p path / @p cm. Qt sends a request once more
@@ -91,9 +110,13 @@ public:
     /// Waits until @p count requests of @p path / @p cm have been received.
     bool waitExchanges(const QByteArray& path, const QString& cm, int count)
     {
-        return QTest::qWaitFor([&] { return cloud->exchanges(path, cm).size() >= count; });
+        return QTest::qWaitFor([&] { return cloud->exchanges(path, cm).size() >= count; }, kWait);
     }
 
     TestCloud cloud;
     std::unique_ptr<Kelosdk> sdk;
+    QString device;
+
+private:
+    QSet<QString> known;
 };

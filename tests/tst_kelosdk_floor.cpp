@@ -126,7 +126,7 @@ void TestFloorFlows::sendsTheRequestAndHandsBackTheReply()
     QSignalSpy netError(&sdk, SIGNAL(networkError(int, QString)));
 
     call(sdk);
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(done.constFirst().at(0).toString(), QString::fromUtf8(reply));
 
     const QList<CloudExchange> sent = f.cloud->exchanges(path, cm);
@@ -175,7 +175,7 @@ void TestFloorFlows::refusesASecondRequestOfTheSameKind()
     QCOMPARE(appError.size(), 1);
     QCOMPARE(appError.constFirst(), (QVariantList{code, text}));
 
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(f.cloud->exchanges(path, cm).size(), 1);
     QCOMPARE(done.size(), 1);
     QCOMPARE(appError.size(), 1);
@@ -214,7 +214,7 @@ void TestFloorFlows::transportErrorFreesTheKindAtOnce()
     QSignalSpy netError(&sdk, SIGNAL(networkError(int, QString)));
 
     call(sdk);
-    QVERIFY(netError.wait());
+    QVERIFY(netError.wait(kWait));
     QCOMPARE(netError.constFirst().at(0).toInt(), code);
     QVERIFY(!netError.constFirst().at(1).toString().isEmpty());
     QCOMPARE(done.size(), 0);
@@ -224,7 +224,7 @@ void TestFloorFlows::transportErrorFreesTheKindAtOnce()
     f.cloud->scriptReply(path, cm, replyWith(kEmptyMenu));
     const int sent = f.cloud->exchanges(path, cm).size();
     call(sdk);
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(f.cloud->exchanges(path, cm).size(), sent + 1);
     QCOMPARE(done.size(), 1);
     QCOMPARE(netError.size(), 1);
@@ -255,14 +255,14 @@ void TestFloorFlows::menuStaysBusyUntilThePicturesAreThrough()
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("confirm_order"), replyWith("{}"));
     QSignalSpy orderDone(&sdk, SIGNAL(foodOrderRequestDone(QString)));
     sdk.foodOrderRequest({});
-    QVERIFY(orderDone.wait());
+    QVERIFY(orderDone.wait(kWait));
 
     sdk.onNetworkError(99, QStringLiteral("host gave up"));
     QCOMPARE(netError.size(), 1);
     QCOMPARE(netError.constFirst(), (QVariantList{99, "host gave up"}));
     f.cloud->scriptReply("/kelo/api/item/", QStringLiteral("getlist"), replyWith(kEmptyMenu));
     sdk.foodsRequest();
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(done.constFirst().at(0).toString(), QString::fromUtf8(kEmptyMenu));
     QCOMPARE(done.size(), 1);
     QCOMPARE(appError.size(), 1);
@@ -278,7 +278,7 @@ void TestFloorFlows::twoTableRequestsInARowAreBothSent()
 
     sdk.tableRequest();
     sdk.tableRequest();
-    QTRY_COMPARE(done.size(), 2);
+    QTRY_COMPARE_WITH_TIMEOUT(done.size(), 2, kWait);
     QCOMPARE(done.at(0).at(0).toString(), QStringLiteral("[1]"));
     QCOMPARE(done.at(1).at(0).toString(), QStringLiteral("[1]"));
     QCOMPARE(f.cloud->exchanges("/kelo/api/table/", QStringLiteral("getlist")).size(), 2);
@@ -292,7 +292,7 @@ void TestFloorFlows::emptyMergeReplyIsASuccess()
     QSignalSpy done(&sdk, SIGNAL(tableMergeDone(QString)));
 
     sdk.tableMergeRequest(3, 7);
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(done.size(), 1);
     QCOMPARE(done.constFirst().at(0).toString(),
              QStringLiteral(R"({"err":0,"msg":"table merge success!"})"));

@@ -62,7 +62,7 @@ void TestLoginFlow::sendsTheRoleWordAndStoresTheUser()
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     call(sdk);
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(done.constFirst(), (QVariantList{0, "welcome"}));
 
     const QList<CloudExchange> sent = f.cloud->exchanges("/kelo/api/login/");
@@ -97,7 +97,7 @@ void TestLoginFlow::refusesWhileALoginIsPendingOrAUserIsIn()
     sdk.userLogin(QStringLiteral("bob"), QStringLiteral("pw"), Kelosdk::cashier);
     QCOMPARE(appError.size(), 1);
     QCOMPARE(appError.constLast(), (QVariantList{106, "kelo process login busy!"}));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
 
     // The stored name is tested before the busy bit, and names the user who is in.
     sdk.userLogin(QStringLiteral("bob"), QStringLiteral("pw"), Kelosdk::waiter);
@@ -111,7 +111,7 @@ void TestLoginFlow::refusesWhileALoginIsPendingOrAUserIsIn()
     QVERIFY(!sdk.userIslogged());
     f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("waiter_login"), replyWith(kAnna));
     sdk.userLogin(QStringLiteral("bob"), QStringLiteral("pw"), Kelosdk::waiter);
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(f.cloud->exchanges("/kelo/api/login/", QStringLiteral("waiter_login")).size(), 1);
     QCOMPARE(done.size(), 2);
     QCOMPARE(appError.size(), 2);
@@ -128,7 +128,7 @@ void TestLoginFlow::serverRefusalKeepsTheUserOut()
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     sdk.userLogin(QStringLiteral("anna"), QStringLiteral("nope"));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(done.constFirst(), (QVariantList{3, "bad password"}));
     QVERIFY(!sdk.userIslogged());
     int id = -7;
@@ -141,7 +141,7 @@ void TestLoginFlow::serverRefusalKeepsTheUserOut()
     // Free again for a second try, which the server answers with a body it cannot be read.
     f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"), replyWith("<html>"));
     sdk.userLogin(QStringLiteral("anna"), QStringLiteral("again"));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(done.constLast(), (QVariantList{-1, ""}));
     QVERIFY(!sdk.userIslogged());
     QCOMPARE(appError.size(), 0);
@@ -157,14 +157,14 @@ void TestLoginFlow::transportErrorKeepsTheStateAndFreesLogin()
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     sdk.userLogin(QStringLiteral("anna"), QStringLiteral("pw"));
-    QVERIFY(netError.wait());
+    QVERIFY(netError.wait(kWait));
     QCOMPARE(netError.constFirst().at(0).toInt(), int(QNetworkReply::RemoteHostClosedError));
     QVERIFY(!sdk.userIslogged());
 
     f.cloud->clearScripts();
     f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"), replyWith(kAnna));
     sdk.userLogin(QStringLiteral("anna"), QStringLiteral("pw"));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QVERIFY(sdk.userIslogged());
 
     // Freeing every kind leaves the user logged in.
@@ -203,11 +203,11 @@ void TestLoginFlow::userWithoutANameCanStillLogOut()
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     sdk.userLogin(QStringLiteral("ghost"), QStringLiteral("pw"));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QVERIFY(sdk.userIslogged()); // id 0 is a user
     // No stored name: a second login is not refused with 107.
     sdk.userLogin(QStringLiteral("ghost"), QStringLiteral("pw"));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(appError.size(), 0);
 
     sdk.userLogout();
@@ -224,7 +224,7 @@ void TestLoginFlow::userIdGoesIntoOrdersAndPayments()
     f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"), replyWith(kAnna));
     QSignalSpy done(&sdk, SIGNAL(userLoginDone(int, QString)));
     sdk.userLogin(QStringLiteral("anna"), QStringLiteral("pw"));
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
 
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("confirm_order"), replyWith("{}"));
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("payment"), replyWith("{}"));

@@ -57,7 +57,7 @@ Kelosdk& TestPaymentFlows::sdkWithOpenInvoice()
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("create"), replyWith(kInvoice));
     QSignalSpy qr(&sdk, SIGNAL(tumiQRInvoiceCode(QString)));
     sdk.tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill 17"));
-    if (!qr.wait())
+    if (!qr.wait(kWait))
         qWarning("the invoice was not opened");
     return sdk;
 }
@@ -72,7 +72,7 @@ void TestPaymentFlows::paymentIsSentEveryTime()
     // The kind is held only while the request is built: two in a row both go.
     sdk.paymentRequest(3, 250000);
     sdk.paymentRequest(3, 250000);
-    QTRY_COMPARE(done.size(), 2);
+    QTRY_COMPARE_WITH_TIMEOUT(done.size(), 2, kWait);
     QCOMPARE(done.at(0), QVariantList{"paid"});
     QCOMPARE(done.at(1), QVariantList{"paid"});
     const QList<CloudExchange> sent = f.cloud->exchanges("/kelo/api/invoice/", "payment");
@@ -100,15 +100,15 @@ void TestPaymentFlows::invoiceChainEndToEnd()
     QFETCH(QString, description);
 
     Kelosdk& sdk = f.newSdk();
-    const QString devid = f.deviceId();
-    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
+    const QString devid = f.device;
+    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }, kWait));
     QSignalSpy qr(&sdk, SIGNAL(tumiQRInvoiceCode(QString)));
     QSignalSpy paid(&sdk, SIGNAL(tumipayRequestDone(QString)));
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
     QSignalSpy netError(&sdk, SIGNAL(networkError(int, QString)));
 
     sdk.tumipayRequest(150000, description, QStringLiteral("Bill 17"));
-    QVERIFY(qr.wait());
+    QVERIFY(qr.wait(kWait));
     const QJsonObject reply =
         QJsonDocument::fromJson(qr.constFirst().at(0).toString().toUtf8()).object();
     QCOMPARE(reply.value(QStringLiteral("err")).toInt(-1), 0);
@@ -148,7 +148,7 @@ void TestPaymentFlows::invoiceChainEndToEnd()
 
     // The customer pays: the server announces it on the device's socket.
     QVERIFY(f.cloud->markInvoicePaid(code));
-    QVERIFY(paid.wait());
+    QVERIFY(paid.wait(kWait));
     const QJsonObject done =
         QJsonDocument::fromJson(paid.constFirst().at(0).toString().toUtf8()).object();
     QCOMPARE(done.value(QStringLiteral("err")).toInt(), -1);
@@ -174,15 +174,15 @@ void TestPaymentFlows::invoiceChainEndToEnd()
 void TestPaymentFlows::noticeForAnotherInvoiceKeepsTheCode()
 {
     Kelosdk& sdk = sdkWithOpenInvoice();
-    const QString devid = f.deviceId();
-    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
+    const QString devid = f.device;
+    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }, kWait));
     QSignalSpy paid(&sdk, SIGNAL(tumipayRequestDone(QString)));
     QSignalSpy notified(&sdk, SIGNAL(notify(QString)));
     QSignalSpy cancelled(&sdk, SIGNAL(tumipayCancelDone(QString)));
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     QVERIFY(f.cloud->pushText(devid, paidNotice(QStringLiteral("OTHER")).toUtf8()));
-    QVERIFY(paid.wait());
+    QVERIFY(paid.wait(kWait));
     QCOMPARE(
         paid.constFirst(),
         QVariantList{
@@ -190,7 +190,7 @@ void TestPaymentFlows::noticeForAnotherInvoiceKeepsTheCode()
 
     f.cloud->scriptReply("/kelo/api/invoice", QStringLiteral("cancel"), replyWith("{}"));
     sdk.tumipayCancel(kCode);
-    QVERIFY(cancelled.wait());
+    QVERIFY(cancelled.wait(kWait));
     QCOMPARE(paid.size(), 1);
     QCOMPARE(notified.size(), 0);
     QCOMPARE(appError.size(), 0);
@@ -214,14 +214,14 @@ void TestPaymentFlows::otherNoticesPassTheirWord()
     QFETCH(QString, word);
 
     Kelosdk& sdk = sdkWithOpenInvoice();
-    const QString devid = f.deviceId();
-    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }));
+    const QString devid = f.device;
+    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }, kWait));
     QSignalSpy notified(&sdk, SIGNAL(notify(QString)));
     QSignalSpy paid(&sdk, SIGNAL(tumipayRequestDone(QString)));
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     QVERIFY(f.cloud->pushText(devid, notice));
-    QVERIFY(notified.wait());
+    QVERIFY(notified.wait(kWait));
     QCOMPARE(notified.constFirst(), QVariantList{word});
     // The open invoice is untouched: cancelling it still goes to the server.
     f.cloud->scriptReply("/kelo/api/invoice", QStringLiteral("cancel"),
@@ -261,7 +261,7 @@ void TestPaymentFlows::sessionWithoutCreateHoldsTheInvoiceKind()
     auto* request = sdk.findChild<HttpBase2*>();
     QVERIFY(request);
     QSignalSpy sessionDone(request, SIGNAL(done(QVariant)));
-    QVERIFY(sessionDone.wait());
+    QVERIFY(sessionDone.wait(kWait));
     QCOMPARE(qr.size(), 0);
     QCOMPARE(appError.size(), 0);
     QCOMPARE(netError.size(), 0);
@@ -291,7 +291,7 @@ void TestPaymentFlows::refusedInvoiceKeepsTheKindHeld()
     QSignalSpy appError(&sdk, SIGNAL(keloappError(int, QString)));
 
     sdk.tumipayRequest(5, QStringLiteral("d"), QStringLiteral("i"));
-    QVERIFY(appError.wait());
+    QVERIFY(appError.wait(kWait));
     QCOMPARE(appError.constFirst(), (QVariantList{4, "expired"}));
     sdk.tumipayRequest(5, QStringLiteral("d"), QStringLiteral("i"));
     QCOMPARE(appError.size(), 2);
@@ -334,9 +334,9 @@ void TestPaymentFlows::createReplyIsNeverTakenForASession()
             request->cancel();
     });
 
-    QVERIFY(qr.wait());
+    QVERIFY(qr.wait(kWait));
     QCOMPARE(qr.constFirst(), QVariantList{QString::fromUtf8(createReply)});
-    QVERIFY(released.wait());
+    QVERIFY(released.wait(kWait));
     QCOMPARE(replies, 2);
     QCOMPARE(netError.size(), 0);
     QCOMPARE(f.cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create")).size(), 1);
@@ -389,7 +389,7 @@ void TestPaymentFlows::transportErrorFreesTheKind()
     };
 
     call();
-    QVERIFY(netError.wait());
+    QVERIFY(netError.wait(kWait));
     QCOMPARE(netError.constFirst().at(0).toInt(), code);
     QVERIFY(!netError.constFirst().at(1).toString().isEmpty());
 
@@ -400,7 +400,7 @@ void TestPaymentFlows::transportErrorFreesTheKind()
     f.cloud->scriptReply("/kelo/api/invoice", QStringLiteral("cancel"), replyWith("{}"));
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("payment"), replyWith("{}"));
     call();
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(kWait));
     QCOMPARE(f.cloud->exchanges(path, cm).size(), sent + 1);
     QCOMPARE(done.size(), 1);
     QCOMPARE(netError.size(), 1);
@@ -459,7 +459,7 @@ void TestPaymentFlows::cancelFreesTheInvoiceKindAtOnce()
     sdk.tumipayRequest(1, QString(), QString()); // accepted while the cancel is in flight
     QCOMPARE(appError.size(), 1);
 
-    QVERIFY(cancelled.wait());
+    QVERIFY(cancelled.wait(kWait));
     QCOMPARE(cancelled.constFirst(), QVariantList{R"({"err":0,"msg":"cancelled"})"});
     const QList<CloudExchange> sent = f.cloud->exchanges("/kelo/api/invoice", "cancel");
     QCOMPARE(sent.size(), 1);
