@@ -2,3 +2,4 @@
 # notification channel and of picture downloads, and what must never leak or be trusted.
 kelo_add_test(faultmatrix TIMEOUT 120)
 kelo_add_test(security TIMEOUT 60)
+kelo_add_test(soak TIMEOUT 300 LABELS slow)
