@@ -425,7 +425,10 @@ void TestFaultMatrix::everyKindAgainstEveryFault()
     const QByteArray probeCm = kind == Kind::Create ? "get_session" : info.cm.toLatin1();
     const int sentBefore = server->exchanges(info.path, QString::fromLatin1(probeCm)).size();
     const int errorsBefore = seen["networkError"].size();
-    issue(*sdk, kind, fault);
+    if (kind == Kind::Create) // the whole chain, which is what bit 2 guards
+        sdk->tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill"));
+    else
+        issue(*sdk, kind, fault);
     switch (again) {
     case Again::Free:
         QCOMPARE(seen["keloappError"].size(), signal == "keloappError" ? 1 : 0);
@@ -441,6 +444,7 @@ void TestFaultMatrix::everyKindAgainstEveryFault()
                 ? QVariantList{info.busyCode, QString::fromLatin1(info.busyText)}
                 : QVariantList{
                       105, QStringLiteral("kelo cancel invoice code not existed (%1)").arg(kCode)};
+        QCOMPARE(seen["keloappError"].size(), signal == "keloappError" ? 2 : 1);
         QCOMPARE(seen["keloappError"].constLast(), refusal);
         QCOMPARE(server->exchanges(info.path, QString::fromLatin1(probeCm)).size(), sentBefore);
         break;
