@@ -292,7 +292,7 @@ bool TestFaultMatrix::openInvoice(Kelosdk& sdk, Fault fault)
     cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("create"),
                        CloudReply{200, kInvoice, {}, 0, CloudReply::Fault::None});
     sdk.tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill"));
-    return qr.wait();
+    return qr.wait(20000);
 }
 
 void TestFaultMatrix::everyKindAgainstEveryFault_data()
@@ -394,14 +394,14 @@ void TestFaultMatrix::everyKindAgainstEveryFault()
 
     issue(*sdk, kind, fault);
     if (fault == Fault::NeverAnswer) {
-        QTRY_COMPARE(cloud->exchanges(info.path, info.cm).size(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(cloud->exchanges(info.path, info.cm).size(), 1, 10000);
         sdk->onNetworkError(kHostGaveUpCode, kHostGaveUpText);
     } else if (signal.isEmpty()) {
         // Nothing reaches the host: wait for the reply to reach the request object instead.
         auto* request = sdk->findChild<HttpBase2*>();
         QVERIFY(request);
         QSignalSpy replied(request, SIGNAL(done(QVariant)));
-        QVERIFY(replied.wait());
+        QVERIFY(replied.wait(10000));
         QCoreApplication::processEvents();
     } else {
         QTRY_VERIFY_WITH_TIMEOUT(!seen[signal].isEmpty(), 10000);
