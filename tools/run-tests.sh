@@ -1,10 +1,39 @@
 #!/usr/bin/env bash
-# The whole test suite: installs dependencies, builds into _build/tests and runs ctest.
+# The whole test suite, as CI runs it. Installs dependencies, then runs these stages in order and
+# stops at the first that fails:
+#   native     build into _build/tests (warnings are errors) and run ctest
+#   sanitize   the same suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
+#   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seed corpus
+#   armhf      the suite cross-built for 32-bit ARM and run under qemu-arm
+# Usage: run-tests.sh [--quick | stage ...]   (--quick: the native stage only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+stages=(native sanitize fuzz armhf)
+if [ "${1:-}" = "--quick" ]; then
+    stages=(native)
+elif [ $# -gt 0 ]; then
+    stages=("$@")
+fi
+
 bash tools/install-deps.sh
-build=_build/tests
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON
-cmake --build "$build" --parallel "$(nproc)"
-ctest --test-dir "$build" --output-on-failure --parallel 2 --timeout 300
+
+native() {
+    local build=_build/tests
+    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON
+    cmake --build "$build" --parallel "$(nproc)"
+    ctest --test-dir "$build" --output-on-failure --parallel 2 --timeout 300
+}
+sanitize() { bash tools/run-sanitizers.sh; }
+fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
+armhf() { bash tools/run-tests-armhf.sh; }
+
+summary=()
+for stage in "${stages[@]}"; do
+    case "$stage" in native | sanitize | fuzz | armhf) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
+    echo "=== stage $stage"
+    start=$SECONDS
+    "$stage"
+    summary+=("$stage $((SECONDS - start)) s")
+done
+printf '=== stage times: %s\n' "$(IFS=', '; echo "${summary[*]}")"

@@ -3,6 +3,9 @@
 #include "devca.h"
 
 #include <QHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
 #include <QTemporaryDir>
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -198,11 +201,16 @@ public:
     void recordUpgrade(const QUrlQuery& query, bool accepted);
     std::optional<CloudReply> takeScript(const CloudExchange& exchange);
     CloudReply route(const CloudExchange& exchange);
+    ControlReply control(const CloudExchange& exchange);
+    void noteInvoice(const QString& cm, const QByteArray& answer);
+    void forgetInvoice(const QString& code);
 
     // io thread only.
     bool listen(QString* error);
     void accept();
     void closeAll();
+    bool comeBack();
+    void planReturn(int ms);
     void track(const std::shared_ptr<Connection>& connection);
     void trackSocket(const std::shared_ptr<WsSession>& socket);
     std::vector<std::shared_ptr<WsSession>> openSockets();
@@ -218,6 +226,8 @@ public:
     QList<CloudUpgrade> upgrades;
     std::list<Script> scripts;
     QHash<QByteArray, ServedFile> files;
+    ControlHandler controlHandler;
+    QSet<QString> openInvoices; ///< codes without their "#"
 
     std::atomic<bool> answerPings{true};
     std::atomic<int> pings{0};
@@ -236,7 +246,13 @@ public:
     std::optional<tcp::acceptor> acceptor;
     std::vector<std::weak_ptr<Connection>> connections;
     std::vector<std::weak_ptr<WsSession>> sockets;
+    std::optional<net::steady_timer> returnTimer; ///< the end of an outage of goDownFor()
 };
+
+bool isControlPath(const QByteArray& path)
+{
+    return path.startsWith(controlPathPrefix);
+}
 
 /// The notification socket of one device, after a successful upgrade.
 class WsSession : public Connection, public std::enable_shared_from_this<WsSession>
@@ -384,8 +400,24 @@ private:
     {
         request = parser->release();
         const CloudExchange exchange = engine.record(request);
-        const bool upgrade = websocket::is_upgrade(request) && exchange.path == "/kelo/ntf/";
         std::optional<CloudReply> scripted = engine.takeScript(exchange);
+        const int delayMs = scripted ? scripted->delayMs : 0;
+        if (scripted && scripted->normalAnswer)
+            scripted.reset();
+        if (delayMs <= 0) {
+            respond(exchange, scripted);
+            return;
+        }
+        timer.expires_after(std::chrono::milliseconds(delayMs));
+        timer.async_wait([self = shared_from_this(), exchange, scripted](error_code ec) {
+            if (!ec)
+                self->respond(exchange, scripted);
+        });
+    }
+
+    void respond(const CloudExchange& exchange, const std::optional<CloudReply>& scripted)
+    {
+        const bool upgrade = websocket::is_upgrade(request) && exchange.path == "/kelo/ntf/";
         if (upgrade && !scripted) {
             upgradeToWebSocket(exchange);
             return;
@@ -395,16 +427,20 @@ private:
             engine.recordUpgrade(exchange.params(), false);
             request.keep_alive(false);
         }
-        reply = scripted ? *scripted : engine.route(exchange);
-        if (reply.delayMs <= 0) {
-            answer();
-            return;
+        if (scripted) {
+            reply = *scripted;
+        } else if (isControlPath(exchange.path)) {
+            ControlReply control = engine.control(exchange);
+            reply = control.reply;
+            reply.delayMs = 0;
+            reply.fault = CloudReply::Fault::None;
+            afterSent = std::move(control.afterSent);
+            if (afterSent)
+                request.keep_alive(false); // so that the answer is whole before the action
+        } else {
+            reply = engine.route(exchange);
         }
-        timer.expires_after(std::chrono::milliseconds(reply.delayMs));
-        timer.async_wait([self = shared_from_this()](error_code ec) {
-            if (!ec)
-                self->answer();
-        });
+        answer();
     }
 
     void upgradeToWebSocket(const CloudExchange& exchange)
@@ -470,8 +506,10 @@ private:
         buildResponse();
         http::async_write(stream, response,
                           [self = shared_from_this()](error_code ec, std::size_t) {
-                              if (ec)
+                              if (ec) {
+                                  self->runAfterSent();
                                   return;
+                              }
                               if (self->response.keep_alive())
                                   self->readRequest();
                               else
@@ -510,7 +548,17 @@ private:
         beast::get_lowest_layer(stream).expires_after(shutdownTimeout);
         stream.async_shutdown([self = shared_from_this()](error_code) {
             beast::get_lowest_layer(self->stream).close();
+            self->runAfterSent();
         });
+    }
+
+    void runAfterSent()
+    {
+        if (!afterSent)
+            return;
+        const std::function<void()> action = std::move(afterSent);
+        afterSent = nullptr;
+        action();
     }
 
     Engine& engine;
@@ -524,6 +572,7 @@ private:
     std::optional<http::response_serializer<http::string_body>> serializer;
     char scratch[512];
     bool upgraded = false;
+    std::function<void()> afterSent; ///< of a control answer, once it is sent
 };
 
 template <class F> auto Engine::call(F f) -> decltype(f())
@@ -612,6 +661,7 @@ void Engine::stop()
     connections.clear();
     sockets.clear();
     acceptor.reset();
+    returnTimer.reset();
     work.reset();
     io.reset();
     tls.reset();
@@ -676,6 +726,32 @@ void Engine::closeAll()
     up = false;
 }
 
+bool Engine::comeBack()
+{
+    if (returnTimer)
+        returnTimer->cancel();
+    if (up)
+        return true;
+    QString error;
+    if (!listen(&error)) {
+        qWarning("kelo-cloud: %s", qPrintable(error));
+        return false;
+    }
+    accept();
+    up = true;
+    return true;
+}
+
+void Engine::planReturn(int ms)
+{
+    returnTimer.emplace(*io);
+    returnTimer->expires_after(std::chrono::milliseconds(std::max(ms, 0)));
+    returnTimer->async_wait([this](error_code ec) {
+        if (!ec)
+            comeBack();
+    });
+}
+
 template <class T> void prune(std::vector<std::weak_ptr<T>>& list)
 {
     list.erase(std::remove_if(list.begin(), list.end(), [](const auto& w) { return w.expired(); }),
@@ -734,6 +810,8 @@ void Engine::recordUpgrade(const QUrlQuery& query, bool accepted)
 
 std::optional<CloudReply> Engine::takeScript(const CloudExchange& exchange)
 {
+    if (isControlPath(exchange.path))
+        return std::nullopt;
     std::lock_guard<std::mutex> lock(mutex);
     for (auto it = scripts.begin(); it != scripts.end(); ++it) {
         if (!exchange.path.startsWith(it->pathPrefix))
@@ -784,6 +862,7 @@ CloudReply Engine::route(const CloudExchange& exchange)
         };
         const CloudState::Answer answer =
             state.handle(exchange.path, value("cm"), value("tk"), value("dt"), imageBase());
+        noteInvoice(value("cm"), answer.body);
         reply.status = answer.status;
         reply.body = answer.body;
         reply.headers = {{"Content-Type", answer.contentType}};
@@ -793,6 +872,50 @@ CloudReply Engine::route(const CloudExchange& exchange)
     reply.body = "not found\n";
     reply.headers = {{"Content-Type", "text/plain"}};
     return reply;
+}
+
+ControlReply Engine::control(const CloudExchange& exchange)
+{
+    ControlHandler handler;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        handler = controlHandler;
+    }
+    if (handler)
+        return handler(exchange);
+    ControlReply none;
+    none.reply.status = 404;
+    none.reply.body = "not found\n";
+    none.reply.headers = {{"Content-Type", "text/plain"}};
+    return none;
+}
+
+QString invoiceKey(QString code)
+{
+    return code.remove(QLatin1Char('#'));
+}
+
+/// Keeps the count of open invoices from the merchant's answers to "create" and "cancel".
+void Engine::noteInvoice(const QString& cm, const QByteArray& answer)
+{
+    const bool create = cm == QLatin1String("create");
+    if (!create && cm != QLatin1String("cancel"))
+        return;
+    const QJsonObject envelope = QJsonDocument::fromJson(answer).object();
+    const QString code = envelope.value("dt").toObject().value("invoice_code").toString();
+    if (envelope.value("err").toInt(-1) != 0 || code.isEmpty())
+        return;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (create)
+        openInvoices.insert(invoiceKey(code));
+    else
+        openInvoices.remove(invoiceKey(code));
+}
+
+void Engine::forgetInvoice(const QString& code)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    openInvoices.remove(invoiceKey(code));
 }
 
 } // namespace serverdetail
@@ -883,6 +1006,17 @@ void CloudServer::clearScripts()
     d->scripts.clear();
 }
 
+void CloudServer::setControlHandler(ControlHandler handler)
+{
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->controlHandler = std::move(handler);
+    }
+    // Control requests run on the server's thread: once this call went through it, none of
+    // the previous handler is still running.
+    d->call([] { return 0; });
+}
+
 void CloudServer::putFile(const QByteArray& path, const QByteArray& content,
                           const QByteArray& contentType)
 {
@@ -914,12 +1048,17 @@ QList<CloudUpgrade> CloudServer::upgrades() const
 
 bool CloudServer::pushText(const QString& devid, const QByteArray& text)
 {
+    return pushToDevice(devid, text) > 0;
+}
+
+int CloudServer::pushToDevice(const QString& devid, const QByteArray& text)
+{
     return d->call([&] {
-        bool sent = false;
+        int sent = 0;
         for (const auto& socket : d->openSockets())
             if (socket->device() == devid) {
                 socket->send(text);
-                sent = true;
+                ++sent;
             }
         return sent;
     });
@@ -945,14 +1084,16 @@ void CloudServer::setAnswerPings(bool answer)
     d->answerPings = answer;
 }
 
-void CloudServer::dropWebSockets()
+int CloudServer::dropWebSockets()
 {
-    d->call([this] {
+    return d->call([this] {
+        const int open = int(d->openSockets().size());
         // Sockets still in their opening handshake go too.
         for (const auto& weak : d->sockets)
             if (auto socket = weak.lock())
                 socket->abort();
         d->sockets.clear();
+        return open;
     });
 }
 
@@ -963,22 +1104,25 @@ void CloudServer::setRefuseUpgrades(bool refuse)
 
 void CloudServer::goDown()
 {
-    d->call([this] { d->closeAll(); });
+    d->call([this] {
+        if (d->returnTimer)
+            d->returnTimer->cancel();
+        d->closeAll();
+        return 0;
+    });
 }
 
 bool CloudServer::comeBack()
 {
-    return d->call([this] {
-        if (d->up)
-            return true;
-        QString error;
-        if (!d->listen(&error)) {
-            qWarning("kelo-cloud: %s", qPrintable(error));
-            return false;
-        }
-        d->accept();
-        d->up = true;
-        return true;
+    return d->call([this] { return d->comeBack(); });
+}
+
+void CloudServer::goDownFor(int ms)
+{
+    d->call([this, ms] {
+        d->closeAll();
+        d->planReturn(ms);
+        return 0;
     });
 }
 
@@ -987,13 +1131,22 @@ bool CloudServer::isUp() const
     return d->up;
 }
 
-bool CloudServer::markInvoicePaid(const QString& invoiceCode)
+bool CloudServer::markInvoicePaid(const QString& invoiceCode, int* delivered)
 {
     CloudState::Notice notice;
     if (!d->state.markInvoicePaid(invoiceCode, &notice))
         return false;
-    pushText(notice.devid, notice.text);
+    d->forgetInvoice(invoiceCode);
+    const int sent = pushToDevice(notice.devid, notice.text);
+    if (delivered)
+        *delivered = sent;
     return true;
+}
+
+int CloudServer::openInvoiceCount() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->openInvoices.size();
 }
 
 } // namespace kelocloud

@@ -9,6 +9,7 @@
 #include <QStringList>
 #include <QUrlQuery>
 
+#include <functional>
 #include <memory>
 
 namespace kelocloud {
@@ -51,7 +52,26 @@ struct CloudReply
     QList<QPair<QByteArray, QByteArray>> headers; ///< extra headers, e.g. Location for a redirect
     int delayMs = 0;                              ///< wait this long before answering
     Fault fault = Fault::None;
+    /// true: give the normal answer (or WebSocket upgrade), only delayMs later; status, body,
+    /// headers and fault are then ignored
+    bool normalAnswer = false;
 };
+
+/// Path prefix of the simulator's control requests: they are never handed to the merchant and
+/// never matched by scripted replies, so that a scripted fault cannot lock the control out.
+inline constexpr char controlPathPrefix[] = "/_sim/";
+
+/// The answer to one control request, and what the server does once it is sent.
+struct ControlReply
+{
+    CloudReply reply; ///< status, headers and body; faults and delays are not applied
+    /// Runs on the server's thread once the answer is sent and its connection closed, e.g. an
+    /// outage that must not cut off the answer announcing it. May be empty.
+    std::function<void()> afterSent;
+};
+
+/// Answers one control request; runs on the server's thread (see CloudServer::setControlHandler).
+using ControlHandler = std::function<ControlReply(const CloudExchange&)>;
 
 /// One attempt to open the notification socket.
 struct CloudUpgrade
@@ -111,6 +131,13 @@ public:
                      int times = 1);
     void clearScripts();
 
+    /**
+     * Requests whose path starts with controlPathPrefix go to @p handler (an empty one: 404).
+     * The handler runs on the server's thread and may call this server's public functions. When
+     * this returns, no call of the previous handler is still running.
+     */
+    void setControlHandler(ControlHandler handler);
+
     /// Serves @p content at @p path (GET), e.g. pictures for menu tests.
     void putFile(const QByteArray& path, const QByteArray& content,
                  const QByteArray& contentType = "image/png");
@@ -121,25 +148,36 @@ public:
     QList<CloudUpgrade> upgrades() const;
     /// Sends a text frame to every socket of device @p devid; false if it has none.
     bool pushText(const QString& devid, const QByteArray& text);
+    /// Sends a text frame to every socket of device @p devid; returns how many got it.
+    int pushToDevice(const QString& devid, const QByteArray& text);
     /// Sends a text frame to every open socket; returns how many got it.
     int pushAll(const QByteArray& text);
     /// Pings received on notification sockets so far, answered or not.
     int pingCount() const;
     /// false: stop answering pings (the client's keep-alive then fails).
     void setAnswerPings(bool answer);
-    /// Closes every open WebSocket abruptly.
-    void dropWebSockets();
+    /// Closes every WebSocket abruptly; returns how many were open.
+    int dropWebSockets();
     /// true: answer every upgrade with 403.
     void setRefuseUpgrades(bool refuse);
 
     /// Outage: close the listening socket and every connection (the port stays reserved).
+    /// Cancels a return planned by goDownFor().
     void goDown();
-    /// Listen again on the same port.
+    /// Listen again on the same port (cancels a return planned by goDownFor()).
     bool comeBack();
+    /// An outage of @p ms milliseconds: goes down now and comes back on the same port then.
+    void goDownFor(int ms);
     bool isUp() const;
 
-    /// Marks an invoice paid and pushes "payment_success" to its device.
-    bool markInvoicePaid(const QString& invoiceCode);
+    /**
+     * Marks an invoice paid and pushes "payment_success" to its device; @p delivered (if given)
+     * receives how many of the device's sockets got it. False for an unknown or closed invoice.
+     */
+    bool markInvoicePaid(const QString& invoiceCode, int* delivered = nullptr);
+    /// Invoices created through this server and neither paid nor cancelled since (the server
+    /// counts them from its own answers and markInvoicePaid()).
+    int openInvoiceCount() const;
 
 private:
     struct Impl;

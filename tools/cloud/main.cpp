@@ -1,10 +1,12 @@
 // kelo-cloud: the local cloud for integrators, serving the HTTPS API, pictures and the
-// notification WebSocket on 127.0.0.1 until SIGINT or SIGTERM.
+// notification WebSocket on 127.0.0.1 until SIGINT or SIGTERM, with its control routes.
+#include "cloudcontrol.h"
 #include "cloudserver.h"
 
 #include <QCommandLineParser>
+#include <QCoreApplication>
 #include <QDir>
-#include <QGuiApplication>
+#include <QFile>
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -12,11 +14,21 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+/// The built-in fixture, as the simulated merchant loads it (a resource of the cloud library).
+static QByteArray builtInFixture()
+{
+    Q_INIT_RESOURCE(fixtures);
+    QFile file(QStringLiteral(":/kelocloud/restaurant.json"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 namespace {
 
 struct Settings
 {
     kelocloud::CloudOptions cloud;
+    QString fixture;           ///< empty: the built-in one
+    bool printFixture = false; ///< write the built-in fixture to stdout and quit
 };
 
 /// $XDG_DATA_HOME/kelo-cloud, or ~/.local/share/kelo-cloud: the CA stays the same across runs,
@@ -29,14 +41,48 @@ QString defaultCaDir()
     return base + QStringLiteral("/kelo-cloud");
 }
 
-bool parseSettings(const QCoreApplication& app, Settings* settings, QString* error)
+const char* const description =
+    "kelo-cloud, the local Kelo cloud simulator, plays one merchant's cloud on 127.0.0.1: the\n"
+    "HTTPS API (logins, menu, tables, orders, payments, e-wallet invoices), the menu pictures\n"
+    "and the notification WebSocket (wss://127.0.0.1:<port>/kelo/ntf/), so that a host\n"
+    "application built on libkelo runs its whole day without the real cloud. It runs until\n"
+    "interrupted (SIGINT or SIGTERM). At start it prints two lines:\n"
+    "  kelo-cloud listening on 127.0.0.1:<port>\n"
+    "  kelo-cloud CA certificate: <ca-dir>/ca.pem";
+
+QString trustAndFixtureHelp(const QString& caPath)
+{
+    return QStringLiteral(
+               "Trust: the server's certificate is signed by a development CA made on the first\n"
+               "run and kept in the CA directory. Clients must trust that CA (never switch the\n"
+               "certificate checks off): in a Qt host, before the first request,\n"
+               "    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();\n"
+               "    tls.addCaCertificates(QSslCertificate::fromPath(\"%1\"));\n"
+               "    QSslConfiguration::setDefaultConfiguration(tls);\n"
+               "and the SDK is pointed at the server with KELO_SERVER_HOST=127.0.0.1:<port>.\n"
+               "With curl: --cacert %1.\n"
+               "\n"
+               "Fixture: the merchant (staff, menu, tables, orders already placed) comes from a\n"
+               "JSON fixture, the built-in one or the file given with --fixture. Start from\n"
+               "  kelo-cloud --print-fixture > my.json\n"
+               "A fixture that breaks a rule stops kelo-cloud with exit status 2 and a message\n"
+               "naming the file and the field. Orders placed, payments and invoices live in\n"
+               "memory only.\n")
+        .arg(caPath);
+}
+
+enum class Parsed
+{
+    Run,
+    Exit,  ///< help shown
+    Failed ///< error set
+};
+
+Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* error)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "The local Kelo cloud: serves the HTTPS API, the menu pictures and the notification\n"
-        "WebSocket on 127.0.0.1, with a development certificate authority (ca.pem) that\n"
-        "clients must trust. Runs until interrupted (SIGINT or SIGTERM)."));
-    parser.addHelpOption();
+    parser.setApplicationDescription(QString::fromUtf8(description));
+    const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption port(QStringLiteral("port"),
                                   QStringLiteral("TCP port to listen on (0: any free port)."),
                                   QStringLiteral("N"), QStringLiteral("0"));
@@ -46,20 +92,38 @@ bool parseSettings(const QCoreApplication& app, Settings* settings, QString* err
                        "afterwards (default: %1).")
             .arg(defaultCaDir()),
         QStringLiteral("DIR"), defaultCaDir());
-    parser.addOption(port);
-    parser.addOption(caDir);
-    parser.process(app); // exits on --help and on unknown options
+    const QCommandLineOption fixture(
+        QStringLiteral("fixture"),
+        QStringLiteral("The merchant's JSON fixture (default: the built-in one)."),
+        QStringLiteral("FILE"));
+    const QCommandLineOption printFixture(
+        QStringLiteral("print-fixture"),
+        QStringLiteral("Write the built-in fixture to standard output and quit."));
+    parser.addOptions({port, caDir, fixture, printFixture});
+    if (!parser.parse(app.arguments())) {
+        *error = parser.errorText();
+        return Parsed::Failed;
+    }
+    if (parser.isSet(help) || parser.isSet(QStringLiteral("help-all"))) {
+        const QString caPath = parser.value(caDir) + QStringLiteral("/ca.pem");
+        QTextStream(stdout) << parser.helpText() << '\n'
+                            << trustAndFixtureHelp(caPath) << '\n'
+                            << kelocloud::CloudControl::usage(caPath);
+        return Parsed::Exit;
+    }
 
     bool ok = false;
     const uint portNumber = parser.value(port).toUInt(&ok);
     if (!ok || portNumber > 65535) {
         *error = QStringLiteral("invalid port: %1").arg(parser.value(port));
-        return false;
+        return Parsed::Failed;
     }
     settings->cloud.port = quint16(portNumber);
     settings->cloud.caDir = parser.value(caDir);
     settings->cloud.reuseCa = true;
-    return true;
+    settings->fixture = parser.value(fixture);
+    settings->printFixture = parser.isSet(printFixture);
+    return Parsed::Run;
 }
 
 int signalPipe[2] = {-1, -1};
@@ -89,19 +153,28 @@ bool quitOnSignals(QCoreApplication* app)
 
 int main(int argc, char** argv)
 {
-    // The simulated merchant draws its menu pictures with Qt Gui, which needs a platform even
-    // without a screen: the off-screen one unless the user chose another.
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
+    // The menu pictures are QImages written as PNG: Qt Gui without any window system, so a
+    // core application does (a platform plugin would only add start-up time and exit leaks).
+    QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kelo-cloud"));
     QTextStream err(stderr);
 
     Settings settings;
     QString error;
-    if (!parseSettings(app, &settings, &error)) {
+    switch (parseSettings(app, &settings, &error)) {
+    case Parsed::Exit:
+        return 0;
+    case Parsed::Failed:
         err << "kelo-cloud: " << error << '\n';
         return 2;
+    case Parsed::Run:
+        break;
+    }
+    if (settings.printFixture) {
+        QFile out;
+        if (!out.open(stdout, QIODevice::WriteOnly) || out.write(builtInFixture()) <= 0)
+            return 1;
+        return 0;
     }
     if (!quitOnSignals(&app)) {
         err << "kelo-cloud: cannot install the signal handlers\n";
@@ -109,6 +182,11 @@ int main(int argc, char** argv)
     }
 
     kelocloud::CloudServer server(settings.cloud);
+    if (!settings.fixture.isEmpty() && !server.state().loadFixture(settings.fixture, &error)) {
+        err << "kelo-cloud: cannot load the fixture: " << error << '\n';
+        return 2;
+    }
+    kelocloud::CloudControl control(server);
     if (!server.start(&error)) {
         err << "kelo-cloud: " << error << '\n';
         return 1;

@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Builds the benchmarks (Release) and runs them against the in-process local cloud; prints one
+# table and writes it as JSON to _build/bench/results.json.
+#   bash tools/run-bench.sh            (KELO_BENCH_IDLE_SECONDS=N shortens the idle figure)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+build=$root/_build/bench
+
+if [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null; then
+    bash tools/install-deps.sh
+fi
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DKELO_BUILD_BENCH=ON -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build "$build" --target kelo_bench kelo
+
+args=(--json "$build/results.json" --idle-seconds "${KELO_BENCH_IDLE_SECONDS:-60}")
+
+# Instruction counts of the catalogue rewrite: whole-program counts minus a run that only
+# builds the catalogue, so that only the rewrite is left.
+if command -v valgrind >/dev/null; then
+    instructions() {
+        local out=$build/callgrind.$1
+        valgrind --tool=callgrind --callgrind-out-file="$out" \
+            "$build/bench/kelo_bench" --callgrind "$1" >/dev/null 2>&1
+        awk '/^(summary|totals):/ {print $2; exit}' "$out"
+    }
+    echo "run-bench: callgrind (catalogue rewrite)" >&2
+    none=$(instructions none)
+    sdk=$(instructions sdk)
+    base=$(instructions baseline)
+    args+=(--callgrind-counts "$((sdk - none))" "$((base - none))")
+fi
+
+lib=$(readlink -f "$build/libkelo.so.1" 2>/dev/null || find "$build" -name 'libkelo.so.1*' -type f | head -1)
+if [ -n "$lib" ]; then
+    strip -o "$build/libkelo.stripped" "$lib"
+    args+=(--lib-size "$(stat -c %s "$build/libkelo.stripped")")
+fi
+armhf=$root/_build/armhf/libkelo.so.1
+if [ -e "$armhf" ] && command -v arm-linux-gnueabihf-strip >/dev/null; then
+    arm-linux-gnueabihf-strip -o "$build/libkelo.armhf.stripped" "$(readlink -f "$armhf")"
+    args+=(--lib-size-armhf "$(stat -c %s "$build/libkelo.armhf.stripped")")
+fi
+
+echo "run-bench: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), load $(cut -d' ' -f1-3 /proc/loadavg)"
+"$build/bench/kelo_bench" "${args[@]}"
+echo "run-bench: results in $build/results.json"
