@@ -102,6 +102,20 @@ template <class Owner> struct HttpRequest
         return owner.reply;
     }
 
+    // Qt's error text for an HTTP error status quotes the whole request URL, and a GET carries its
+    // parameters in the query: a login's password among them. That text is logged and handed on
+    // to hosts, which log it too, so the query and any credentials are cut out of it; the rest of
+    // the text (path, server's status text) stays as Qt wrote it.
+    static QString errorTextWithoutSecrets(const QNetworkReply& reply)
+    {
+        QString text = reply.errorString();
+        const QUrl url = reply.url();
+        const QUrl::FormattingOptions cut = QUrl::RemoveQuery | QUrl::RemoveUserInfo;
+        text.replace(url.toString(), url.toString(cut));
+        text.replace(url.toString(QUrl::FullyEncoded), url.toString(cut | QUrl::FullyEncoded));
+        return text;
+    }
+
     // Handles the reply recorded last (not the sender): an owner starts each object once.
     static void finished(Owner& owner, FinishedReply disposal)
     {
@@ -114,7 +128,7 @@ template <class Owner> struct HttpRequest
         const QPointer<QNetworkReply> alive(reply);
         if (reply->error() != QNetworkReply::NoError) {
             const int code = reply->error();
-            const QString message = reply->errorString();
+            const QString message = errorTextWithoutSecrets(*reply);
             qCritical() << QStringLiteral("//error:%1, msg:%2").arg(QString::number(code), message);
             emit owner.error(code, message);
         } else {
