@@ -24,7 +24,7 @@ for target in parsers decoder catalogue; do
     mkdir -p "$corpus"
     echo "== fuzz_$target for ${seconds}s"
     status=0
-    "$build/fuzz/fuzz_$target" -max_total_time="$seconds" -max_len=4096 -timeout=10 \
+    "$build/fuzz/fuzz_$target" -seed="${FUZZ_SEED:-1}" -max_total_time="$seconds" -max_len=4096 -timeout=10 \
         -artifact_prefix="$build/artifacts/$target-" "$corpus" "fuzz/corpus/$target" \
         > "$build/fuzz_$target.log" 2>&1 || status=$?
     grep -E '^(#[0-9]+ *DONE|Done|==[0-9]+==|SUMMARY|INFO: Seed)' "$build/fuzz_$target.log" || true
