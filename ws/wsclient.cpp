@@ -22,6 +22,8 @@ QString now()
     return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
 }
 
+} // namespace
+
 /*
  * The SDK never deletes its client, so a watchdog thread may still be sleeping when the host
  * destroys its QCoreApplication and the process exits. Were it to wake up then, it would emit
@@ -64,18 +66,24 @@ private:
     struct StopAtStaticDestruction
     {
         WatchdogRegistry* registry;
-        ~StopAtStaticDestruction() { registry->stopAll(); }
+        // Qt is already gone here: the watchdogs are stopped, nothing else is touched.
+        ~StopAtStaticDestruction() { registry->stopAll(false); }
     };
 
-    static void stopAllAtExit() { instance().stopAll(); }
+    static void stopAllAtExit() { instance().stopAll(true); }
 
-    void stopAll()
+    // With releaseNetwork, each client also ends its session fetch and socket: otherwise Qt's
+    // network thread may still be opening a TLS connection for it while the process's exit
+    // handlers tear the TLS library down.
+    void stopAll(bool releaseNetwork)
     {
         QMutexLocker lock(&mutex);
         postRoutineArmed = false;
         for (WSClient* client : qAsConst(clients)) {
             client->stop();
             client->wait();
+            if (releaseNetwork)
+                client->releaseNetworkAtExit();
         }
     }
 
@@ -83,8 +91,6 @@ private:
     QSet<WSClient*> clients;
     bool postRoutineArmed = false;
 };
-
-} // namespace
 
 WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode, QString devid,
                    bool debug, QObject* parent)
@@ -281,4 +287,19 @@ void WSClient::releaseSessionRequest()
     if (sessionRequest)
         sessionRequest->deleteLater();
     sessionRequest = nullptr;
+}
+
+void WSClient::releaseNetworkAtExit()
+{
+    // Nothing is reported any more: the host and its event loop are going away.
+    blockSignals(true);
+    webSocket.blockSignals(true);
+    if (timerId != 0) {
+        killTimer(timerId);
+        timerId = 0;
+    }
+    delete sessionRequest; // aborts its reply and ends its manager's network thread
+    sessionRequest = nullptr;
+    sessionBusy = false;
+    webSocket.abort();
 }

@@ -92,4 +92,7 @@ private:
     void releaseSessionRequest();
     /// The watchdog's sleep, the only place where terminate() may end the thread.
     static void sleepTerminable(unsigned long seconds);
+    /// At process exit: ends the timer, the session fetch and the socket (see the registry).
+    void releaseNetworkAtExit();
+    friend class WatchdogRegistry;
 };
