@@ -1,5 +1,6 @@
 // The local cloud as Qt clients see it: TLS trust, request records, scripted answers and faults,
 // the notification WebSocket, outages, the CA files and the standalone tool.
+#include "replyoutcome.h"
 #include "testcloud.h"
 
 #include <QJsonDocument>
@@ -21,27 +22,11 @@ using Fault = kelocloud::CloudReply::Fault;
 
 namespace {
 
-struct Outcome
-{
-    QNetworkReply::NetworkError error = QNetworkReply::NoError;
-    int status = 0;
-    QByteArray body;
-    QByteArray location;
-};
+using Outcome = ReplyOutcome;
 
 Outcome finish(QNetworkReply* reply)
 {
-    QSignalSpy finished(reply, &QNetworkReply::finished);
-    if (!reply->isFinished())
-        finished.wait(15000);
-    Outcome outcome;
-    outcome.error = reply->error();
-    outcome.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (reply->isOpen())
-        outcome.body = reply->readAll();
-    outcome.location = reply->rawHeader("Location");
-    reply->deleteLater();
-    return outcome;
+    return finishReply(reply);
 }
 
 CloudReply fault(Fault kind, const QByteArray& body = {})

@@ -1,6 +1,7 @@
 // kelo-cloud for integrators: the merchant fixture on its command line, and the control routes
 // under "/_sim/" as an HTTPS client sees them.
 #include "cloudcontrol.h"
+#include "replyoutcome.h"
 #include "testcloud.h"
 
 #include <QElapsedTimer>
@@ -18,25 +19,11 @@
 
 namespace {
 
-struct Outcome
-{
-    QNetworkReply::NetworkError error = QNetworkReply::NoError;
-    int status = 0;
-    QByteArray body;
-};
+using Outcome = ReplyOutcome;
 
 Outcome finish(QNetworkReply* reply)
 {
-    QSignalSpy finished(reply, &QNetworkReply::finished);
-    if (!reply->isFinished())
-        finished.wait(15000);
-    Outcome outcome;
-    outcome.error = reply->error();
-    outcome.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (reply->isOpen())
-        outcome.body = reply->readAll();
-    reply->deleteLater();
-    return outcome;
+    return finishReply(reply);
 }
 
 QByteArray compact(const QJsonObject& object)

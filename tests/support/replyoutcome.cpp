@@ -1,0 +1,18 @@
+#include "replyoutcome.h"
+
+#include <QSignalSpy>
+
+ReplyOutcome finishReply(QNetworkReply* reply)
+{
+    QSignalSpy finished(reply, &QNetworkReply::finished);
+    if (!reply->isFinished())
+        finished.wait(15000);
+    ReplyOutcome outcome;
+    outcome.error = reply->error();
+    outcome.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (reply->isOpen())
+        outcome.body = reply->readAll();
+    outcome.location = reply->rawHeader("Location");
+    reply->deleteLater();
+    return outcome;
+}
