@@ -1,43 +1,54 @@
-// The local cloud as Qt clients see it: TLS trust, request records, scripted answers and faults,
-// the notification WebSocket, outages, the CA files and the standalone tool.
+// The local cloud as its clients see it over HTTPS: the merchant's rules that no SDK test sees
+// (the SDK passes the answers through), the control routes under "/_sim/" (each fault happens as
+// named, each route answers and refuses as it says), and the development CA.
+#include "cloudcontrol.h"
 #include "replyoutcome.h"
 #include "testcloud.h"
 
+#include <QElapsedTimer>
 #include <QJsonDocument>
-#include <QJsonObject>
+#include <QMetaEnum>
 #include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QProcess>
-#include <QSslSocket>
 #include <QTemporaryDir>
 #include <QWebSocket>
 #include <QtTest>
 
 #include <memory>
 
-using kelocloud::CloudOptions;
-using kelocloud::CloudReply;
-using kelocloud::CloudServer;
-using Fault = kelocloud::CloudReply::Fault;
-
 namespace {
 
-using Outcome = ReplyOutcome;
+const QString kItems = QStringLiteral("/kelo/api/item/?cm=getlist&dt=%7B%7D");
 
-Outcome finish(QNetworkReply* reply)
+/// "<error> <status>" of a finished reply, e.g. "RemoteHostClosedError 200".
+QString errorAndStatus(const ReplyOutcome& outcome)
 {
-    return finishReply(reply);
+    const auto errors = QMetaEnum::fromType<QNetworkReply::NetworkError>();
+    return QStringLiteral("%1 %2").arg(errors.valueToKey(outcome.error)).arg(outcome.status);
 }
 
-CloudReply fault(Fault kind, const QByteArray& body = {})
+QString refused(int err, const char* msg, int status = 200)
 {
-    CloudReply reply;
-    reply.fault = kind;
-    reply.body = body;
-    return reply;
+    return QStringLiteral(R"(%1 {"dt":{},"err":%2,"msg":"%3"})").arg(status).arg(err).arg(msg);
 }
 
-const QString merchant = QStringLiteral("M01");
+QString success(const char* dt)
+{
+    return QStringLiteral(R"(200 {"dt":%1,"err":0,"msg":"success"})").arg(dt);
+}
+
+/// "create" for device D9 as the SDK writes it.
+QString create(const char* description = "Table 3", const char* amount = "150000")
+{
+    return QStringLiteral(R"(/kelo/api/invoice/ create {"amount":"%1","description":"%2",)"
+                          R"("devid":"D9","merchant_code":"M01","payment_method":"1"})")
+        .arg(amount, description);
+}
+
+/// The value of @p key in the "dt" of the answer "<status> <body>".
+QString dtValue(const QString& answer, const char* key)
+{
+    return QJsonDocument::fromJson(answer.section(' ', 1).toUtf8())["dt"][key].toString();
+}
 
 } // namespace
 
@@ -47,50 +58,73 @@ class TestCloudServer : public QObject
 private Q_SLOTS:
     void initTestCase();
     void cleanup();
-
-    void getIsAnsweredAndRecorded_data();
-    void getIsAnsweredAndRecorded();
-    void formPostIsRecorded();
-    void scriptsMatchInOrderByPathAndCm_data();
-    void scriptsMatchInOrderByPathAndCm();
-    void scriptedStatusHeadersAndBody();
-    void putFileIsServed();
-    void malformedRequestGets400();
-
-    void faultsEndInNetworkErrors_data();
-    void faultsEndInNetworkErrors();
-    void neverAnswerHoldsUntilAbort();
-    void delayedAnswerDoesNotBlockOthers();
-    void untrustedServerFailsTls();
-
-    void upgradeAdmission_data();
-    void upgradeAdmission();
-    void pushReachesOnlyItsDevice();
-    void pingsStopBeingAnsweredWhenSwitchedOff();
-    void dropWebSocketsClosesAbruptly();
-    void outageAndComeBackOnSamePort();
-
-    void caIsReusedOnlyWhenAsked();
-    void stopIsSafeInAnyState();
-    void standaloneToolPrintsItsAddressAndQuitsOnSigterm();
+    void refusals_data();
+    void refusals();
+    void invoiceLifecycle();
+    void mergeThenPayFreesTables();
+    void faults_data();
+    void faults();
+    void faultsNeverLockTheControlOut();
+    void socketRoutes();
+    void downForSecondsThenBackOnSamePort();
+    void caIsKeptAcrossRuns();
 
 private:
-    QNetworkReply* get(const QString& pathAndQuery, const QByteArray& probe = {});
-    QNetworkReply* post(const QString& path, const QByteArray& form);
-    QString wsSession(const QString& devid);
-    QUrl socketUrl(const QString& devid, const QString& session, const QString& tk) const;
-    /// Opens @p socket as device @p devid with a good session and signature.
-    bool openSocket(QWebSocket& socket, const QString& devid);
+    ReplyOutcome get(const QString& target, int transferTimeout = 0)
+    {
+        QNetworkRequest request(cloud.url(target));
+        request.setTransferTimeout(transferTimeout);
+        return finishReply(nam->get(request));
+    }
+    /// "<status> <body>" of the answer to a POST of @p form to @p route, or to "GET <route>".
+    QString control(const QString& route, const QByteArray& form = {})
+    {
+        QNetworkRequest request(cloud.url(route.section(' ', -1)));
+        request.setHeader(QNetworkRequest::ContentTypeHeader, "application/x-www-form-urlencoded");
+        const ReplyOutcome outcome =
+            finishReply(route.startsWith("GET ") ? nam->get(request) : nam->post(request, form));
+        return QString::number(outcome.status) + ' ' + QString::fromUtf8(outcome.body).trimmed();
+    }
+    /// The merchant's answer to "<path> <cm> <dt>", posted as a form.
+    QString api(const QString& call, const QString& tk = {})
+    {
+        return control(call.section(' ', 0, 0),
+                       "cm=" + call.section(' ', 1, 1).toUtf8() + "&tk=" + tk.toUtf8() +
+                           "&dt=" + QUrl::toPercentEncoding(call.section(' ', 2)));
+    }
+    /// The session that "get_session" or "get_ws_session" issues to @p devid.
+    QString session(const char* cm, const QString& devid)
+    {
+        const bool invoice = cm == QByteArray("get_session");
+        return dtValue(api(QStringLiteral(R"(/kelo/api/%1 %2 {"devid":"%3","merchant_code":"M01"})")
+                               .arg(invoice ? "invoice/" : "common", cm, devid)),
+                       invoice ? "invoice_session" : "ws_session");
+    }
+    /// The SDK signs "create" with "%1%2" filled by two successive arg() calls.
+    QString sign(const QString& call, const QString& session)
+    {
+        return cloud->state().sign(
+            QStringLiteral("%1%2").arg(call.section(' ', 2)).arg(session).toUtf8());
+    }
+    bool openSocket(QWebSocket& socket, const QString& devid)
+    {
+        const QString ws = session("get_ws_session", devid);
+        const QString tk = cloud->state().sign(("M01" + devid + ws).toUtf8());
+        QSignalSpy connected(&socket, &QWebSocket::connected);
+        socket.open(QUrl("wss://" + cloud.hostPort() + "/kelo/ntf/?appuser=M01&devid=" + devid +
+                         "&ws_session=" + ws + "&tk=" + tk));
+        return connected.wait(15000);
+    }
 
     TestCloud cloud;
+    std::unique_ptr<kelocloud::CloudControl> routes;
     std::unique_ptr<QNetworkAccessManager> nam;
 };
 
 void TestCloudServer::initTestCase()
 {
     QVERIFY(cloud.start());
-    QVERIFY(cloud->isUp());
-    QVERIFY(cloud->port() > 0);
+    routes = std::make_unique<kelocloud::CloudControl>(cloud.server());
     nam = std::make_unique<QNetworkAccessManager>();
 }
 
@@ -99,536 +133,267 @@ void TestCloudServer::cleanup()
     cloud->clearScripts();
     cloud->clearExchanges();
     cloud->setAnswerPings(true);
-    cloud->setRefuseUpgrades(false);
     cloud->dropWebSockets();
     QTRY_COMPARE(cloud->webSocketCount(), 0);
 }
 
-QNetworkReply* TestCloudServer::get(const QString& pathAndQuery, const QByteArray& probe)
+void TestCloudServer::refusals_data()
 {
-    QNetworkRequest request(cloud.url(pathAndQuery));
-    if (!probe.isEmpty())
-        request.setRawHeader("X-Probe", probe);
-    return nam->get(request);
+    QTest::addColumn<QString>("request"); // "<path> <cm> <dt>", or a control route and its form
+    QTest::addColumn<QString>("signer");  // whose invoice session signs a "create"
+    QTest::addColumn<QString>("expected");
+    const auto row = [](const char* name, const QString& request, const QString& expected,
+                        const char* signer = "") {
+        QTest::newRow(name) << request << signer << expected;
+    };
+    const QString login = R"(/kelo/api/login/ %1 {"merchant_code":"%2","p":"%3","u":"%4"})";
+    row("wrong password", login.arg("waiter_login", "M01", "x", "mai"),
+        refused(210, "wrong user name or password"));
+    row("waiter at the cashier login", login.arg("cashier_login", "M01", "mai123", "mai"),
+        refused(211, "role not allowed for this login"));
+    row("merge into itself",
+        R"(/kelo/api/invoice/ merge_table {"from_tableid":2,"merchant_code":"M01","to_tableid":2})",
+        refused(221, "cannot merge a table into itself"));
+    row("create signed with another device's session", create(), refused(231, "bad signature"),
+        "D7");
+    row("create without tk", create(), refused(230, "missing signature"));
+    row("create of 0", create("Table 3", "0"), refused(233, "invalid invoice amount"), "D9");
+    // "/kelo/api/invoice" (no slash) serves "cancel" only.
+    row("cancel of an unknown invoice",
+        R"(/kelo/api/invoice cancel {"invoice_code":"INV999999","merchant_code":"M01"})",
+        refused(240, "unknown invoice"));
+    row("cancel with a slash",
+        R"(/kelo/api/invoice/ cancel {"invoice_code":"INV000001","merchant_code":"M01"})",
+        refused(201, "unknown operation"));
+    row("unknown path", "/kelo/api/nothing/ getlist {}", refused(200, "unknown path", 404));
+
+    const auto route = [&](const char* path, const char* form, int status, const char* error) {
+        const QByteArray body = QJsonDocument(QJsonObject{{"error", error}, {"ok", false}})
+                                    .toJson(QJsonDocument::Compact);
+        row(error, QString(path) + '?' + form, QString::number(status) + ' ' + body);
+    };
+    route("/_sim/nothing", "", 404, "unknown control route /_sim/nothing (see kelo-cloud --help)");
+    route("GET /_sim/push", "", 405, "/_sim/push takes POST");
+    route("/_sim/invoice/paid", "", 400, "invoice_code is missing");
+    route("/_sim/push", "devid=dev-z&text=x", 404, "device dev-z has no notification socket");
+    route("/_sim/fault", "path=/_sim/state&kind=empty", 400, "faults never apply to /_sim/");
+    route("/_sim/fault", "path=/&kind=slow", 400,
+          "kind must be one of delay, drop, reset, never, status, garbage, empty, not \"slow\"");
+    route("/_sim/fault", "path=/&kind=status&status=200", 400,
+          "status must be an integer from 400 to 599, not \"200\"");
+    route("/_sim/fault", "path=/&kind=delay", 400, "a delay needs ms above 0");
+    route("/_sim/pongs", "answer=2", 400, "answer must be 0 or 1");
+    route("/_sim/down", "", 400, "seconds is missing");
 }
 
-QNetworkReply* TestCloudServer::post(const QString& path, const QByteArray& form)
+void TestCloudServer::refusals()
 {
-    QNetworkRequest request(cloud.url(path));
-    request.setHeader(QNetworkRequest::ContentTypeHeader, "application/x-www-form-urlencoded");
-    return nam->post(request, form);
-}
-
-QString TestCloudServer::wsSession(const QString& devid)
-{
-    const QByteArray dt = QJsonDocument(QJsonObject{{"devid", devid}, {"merchant_code", merchant}})
-                              .toJson(QJsonDocument::Compact);
-    QUrlQuery form;
-    form.addQueryItem("cm", "get_ws_session");
-    form.addQueryItem("dt", QString::fromUtf8(dt));
-    const Outcome outcome = finish(post("/kelo/api/common", form.query().toUtf8()));
-    return QJsonDocument::fromJson(outcome.body)["dt"]["ws_session"].toString();
-}
-
-QUrl TestCloudServer::socketUrl(const QString& devid, const QString& session,
-                                const QString& tk) const
-{
-    return QUrl(QStringLiteral("wss://%1/kelo/ntf/?appuser=%2&devid=%3&ws_session=%4&tk=%5")
-                    .arg(cloud.hostPort(), merchant, devid, session, tk));
-}
-
-bool TestCloudServer::openSocket(QWebSocket& socket, const QString& devid)
-{
-    const QString session = wsSession(devid);
-    QSignalSpy connected(&socket, &QWebSocket::connected);
-    socket.open(
-        socketUrl(devid, session, cloud->state().sign((merchant + devid + session).toUtf8())));
-    return connected.wait(15000);
-}
-
-void TestCloudServer::getIsAnsweredAndRecorded_data()
-{
-    QTest::addColumn<QString>("target");
-    QTest::addColumn<QByteArray>("path");
-    QTest::addColumn<QByteArray>("query");
-    QTest::addColumn<bool>("hasQuery");
-    QTest::addColumn<int>("status");
-
-    QTest::newRow("api with query")
-        << "/kelo/api/item/?cm=getlist&dt=%7B%22a%22%3A1%7D" << QByteArray("/kelo/api/item/")
-        << QByteArray("cm=getlist&dt=%7B%22a%22%3A1%7D") << true << 200;
-    QTest::newRow("api, empty query")
-        << "/kelo/api/login/?" << QByteArray("/kelo/api/login/") << QByteArray() << true << 200;
-    QTest::newRow("api, no query")
-        << "/kelo/api/invoice" << QByteArray("/kelo/api/invoice") << QByteArray() << false << 200;
-    QTest::newRow("unknown path") << "/elsewhere/x?y=1" << QByteArray("/elsewhere/x")
-                                  << QByteArray("y=1") << true << 404;
-}
-
-void TestCloudServer::getIsAnsweredAndRecorded()
-{
-    QFETCH(QString, target);
-    QFETCH(QByteArray, path);
-    QFETCH(QByteArray, query);
-    QFETCH(bool, hasQuery);
-    QFETCH(int, status);
-
-    const Outcome outcome = finish(get(target, "probe-1"));
-    QCOMPARE(outcome.status, status);
-    QCOMPARE(outcome.error,
-             status == 200 ? QNetworkReply::NoError : QNetworkReply::ContentNotFoundError);
-    const auto exchanges = cloud->exchanges();
-    QCOMPARE(exchanges.size(), 1);
-    const kelocloud::CloudExchange& exchange = exchanges.first();
-    QCOMPARE(exchange.method, QByteArray("GET"));
-    QCOMPARE(exchange.target, target.toUtf8());
-    QCOMPARE(exchange.path, path);
-    QCOMPARE(exchange.query, query);
-    QCOMPARE(exchange.hasQuery, hasQuery);
-    QCOMPARE(exchange.header("x-probe"), QByteArray("probe-1"));
-    QCOMPARE(exchange.header("Host"), cloud.hostPort().toUtf8());
-    QVERIFY(!exchange.hasHeader("Content-Type"));
-    QCOMPARE(exchange.headers.first().first, QByteArray("Host")); // Qt sends Host first
-    if (status == 200) // the merchant answered with its envelope, whatever it made of the call
-        QVERIFY(QJsonDocument::fromJson(outcome.body).object().contains(QStringLiteral("err")));
-}
-
-void TestCloudServer::formPostIsRecorded()
-{
-    const QByteArray form =
-        "cm=get_ws_session&dt=%7B%22devid%22%3A%22D%201%22%2C%22merchant_code%22%3A%22M01%22%7D";
-    const Outcome outcome = finish(post("/kelo/api/common", form));
-    QCOMPARE(outcome.error, QNetworkReply::NoError);
-    QVERIFY(!QJsonDocument::fromJson(outcome.body)["dt"]["ws_session"].toString().isEmpty());
-
-    const auto exchanges = cloud->exchanges("/kelo/api/common", "get_ws_session");
-    QCOMPARE(exchanges.size(), 1);
-    QCOMPARE(exchanges.first().method, QByteArray("POST"));
-    QCOMPARE(exchanges.first().body, form);
-    QCOMPARE(exchanges.first().hasQuery, false);
-    QCOMPARE(exchanges.first().header("Content-Type"),
-             QByteArray("application/x-www-form-urlencoded"));
-    QCOMPARE(exchanges.first().param("dt"),
-             QStringLiteral(R"({"devid":"D 1","merchant_code":"M01"})"));
-    QCOMPARE(cloud->exchanges("/kelo/api/common", "other").size(), 0);
-}
-
-void TestCloudServer::scriptsMatchInOrderByPathAndCm_data()
-{
-    // Scripts registered in order: 501 for cm=a once, 502 for any cm twice, 503 under /other/.
-    QTest::addColumn<QStringList>("requests"); // path?cm=
-    QTest::addColumn<QList<int>>("statuses");
-
-    QTest::newRow("cm script first, then the catch-all twice, then normal")
-        << QStringList{"/kelo/api/item/?cm=a", "/kelo/api/item/?cm=a", "/kelo/api/item/?cm=b",
-                       "/kelo/api/item/?cm=a"}
-        << QList<int>{501, 502, 502, 200};
-    QTest::newRow("another cm skips the cm script")
-        << QStringList{"/kelo/api/item/?cm=b", "/kelo/api/item/?cm=a", "/kelo/api/item/?cm=c",
-                       "/kelo/api/item/?cm=c"}
-        << QList<int>{502, 501, 502, 200};
-    QTest::newRow("prefix decides")
-        << QStringList{"/other/x", "/othe", "/other/"} << QList<int>{503, 404, 404};
-    QTest::newRow("cm decoded before matching")
-        << QStringList{"/kelo/api/table/?cm=%61"} << QList<int>{501};
-}
-
-void TestCloudServer::scriptsMatchInOrderByPathAndCm()
-{
-    QFETCH(QStringList, requests);
-    QFETCH(QList<int>, statuses);
-    CloudReply reply;
-    reply.status = 501;
-    cloud->scriptReply("/kelo/api/", "a", reply);
-    reply.status = 502;
-    cloud->scriptReply("/kelo/api/", {}, reply, 2);
-    reply.status = 503;
-    cloud->scriptReply("/other/", {}, reply);
-
-    QList<int> seen;
-    for (const QString& request : requests)
-        seen.append(finish(get(request)).status);
-    QCOMPARE(seen, statuses);
-}
-
-void TestCloudServer::scriptedStatusHeadersAndBody()
-{
-    CloudReply redirect;
-    redirect.status = 302;
-    redirect.headers = {{"Location", "https://127.0.0.1:1/moved"}};
-    cloud->scriptReply("/kelo/api/login/", "client_login", redirect);
-    CloudReply refusal;
-    refusal.status = 200;
-    refusal.body = R"({"err":7,"msg":"refused"})";
-    cloud->scriptReply("/kelo/api/login/", {}, refusal);
-
-    const Outcome first = finish(get("/kelo/api/login/?cm=client_login"));
-    QCOMPARE(first.status, 302);
-    QCOMPARE(first.location, QByteArray("https://127.0.0.1:1/moved"));
-    const Outcome second = finish(get("/kelo/api/login/?cm=client_login"));
-    QCOMPARE(second.status, 200);
-    QCOMPARE(second.body, refusal.body);
-}
-
-void TestCloudServer::putFileIsServed()
-{
-    const QByteArray png = QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(3000, 'p');
-    cloud->putFile("/img/a.png", png);
-    QNetworkReply* reply = get("/img/a.png");
-    QSignalSpy finished(reply, &QNetworkReply::finished);
-    QVERIFY(finished.wait(15000));
-    QCOMPARE(reply->header(QNetworkRequest::ContentTypeHeader).toString(), QString("image/png"));
-    QCOMPARE(reply->readAll(), png);
-    reply->deleteLater();
-    QCOMPARE(finish(get("/img/a.png?v=2")).body, png); // the query does not matter
-    QCOMPARE(finish(get("/img/b.png")).status, 404);
-}
-
-void TestCloudServer::malformedRequestGets400()
-{
-    QSslSocket socket;
-    socket.connectToHostEncrypted("127.0.0.1", cloud->port());
-    QVERIFY(socket.waitForEncrypted(15000));
-    socket.write("NOT HTTP AT ALL\r\n\r\n");
-    QSignalSpy disconnected(&socket, &QSslSocket::disconnected);
-    QVERIFY(disconnected.wait(15000));
-    QVERIFY2(socket.readAll().startsWith("HTTP/1.1 400 Bad Request\r\n"), "no 400 answer");
-    QCOMPARE(cloud->exchanges().size(), 0);
-    QCOMPARE(finish(get("/kelo/api/item/")).error, QNetworkReply::NoError);
-}
-
-void TestCloudServer::faultsEndInNetworkErrors_data()
-{
-    QTest::addColumn<int>("fault");
-    QTest::addColumn<int>("times");
-    QTest::addColumn<int>("error");
-    // Qt sends a request again (three times at most) when the connection closes before any
-    // byte of the answer, so a reset before the headers must be scripted four times to be seen.
-    QTest::newRow("reset before headers")
-        << int(Fault::ResetBeforeHeaders) << 4 << int(QNetworkReply::RemoteHostClosedError);
-    QTest::newRow("reset mid body")
-        << int(Fault::ResetMidBody) << 1 << int(QNetworkReply::RemoteHostClosedError);
-}
-
-void TestCloudServer::faultsEndInNetworkErrors()
-{
-    QFETCH(int, fault);
-    QFETCH(int, times);
-    QFETCH(int, error);
-    cloud->scriptReply("/kelo/api/item/", "getlist", ::fault(Fault(fault), QByteArray(4000, 'b')),
-                       times);
-    const Outcome outcome = finish(get("/kelo/api/item/?cm=getlist"));
-    QCOMPARE(int(outcome.error), error);
-    QCOMPARE(cloud->exchanges().size(), times);
-    // The server keeps serving, on a fresh connection.
-    QCOMPARE(finish(get("/kelo/api/item/?cm=getlist")).error, QNetworkReply::NoError);
-}
-
-void TestCloudServer::neverAnswerHoldsUntilAbort()
-{
-    cloud->scriptReply("/kelo/api/table/", {}, fault(Fault::NeverAnswer));
-    QNetworkReply* reply = get("/kelo/api/table/?cm=gettables");
-    QSignalSpy finished(reply, &QNetworkReply::finished);
-    QTRY_COMPARE(cloud->exchanges().size(), 1);
-    QCOMPARE(finished.count(), 0);
-    reply->abort();
-    QCOMPARE(finished.count(), 1);
-    QCOMPARE(finish(reply).error, QNetworkReply::OperationCanceledError);
-}
-
-void TestCloudServer::delayedAnswerDoesNotBlockOthers()
-{
-    CloudReply slow;
-    slow.delayMs = 1500;
-    slow.body = "slow";
-    cloud->scriptReply("/kelo/api/item/", {}, slow);
-    QNetworkReply* first = get("/kelo/api/item/?cm=getlist");
-    QTRY_COMPARE(cloud->exchanges().size(), 1);
-    const Outcome second = finish(get("/kelo/api/table/?cm=gettables"));
-    QCOMPARE(second.error, QNetworkReply::NoError);
-    QVERIFY(!first->isFinished());
-    const Outcome delayed = finish(first);
-    QCOMPARE(delayed.error, QNetworkReply::NoError);
-    QCOMPARE(delayed.body, QByteArray("slow"));
-}
-
-void TestCloudServer::untrustedServerFailsTls()
-{
-    TestCloud other(TestCloud::Untrusted);
-    QVERIFY(other.start());
-    QVERIFY(other->caCertificatePem() != cloud->caCertificatePem());
-    QNetworkAccessManager manager;
-    QNetworkReply* reply = manager.get(QNetworkRequest(other.url("/kelo/api/item/?cm=getlist")));
-    QSignalSpy sslErrors(reply, &QNetworkReply::sslErrors);
-    const Outcome outcome = finish(reply);
-    QCOMPARE(outcome.error, QNetworkReply::SslHandshakeFailedError);
-    QCOMPARE(sslErrors.count(), 1);
-    QCOMPARE(other->exchanges().size(), 0);
-
-    QWebSocket socket;
-    QSignalSpy connected(&socket, &QWebSocket::connected);
-    QSignalSpy sslSocketErrors(&socket, &QWebSocket::sslErrors);
-    QSignalSpy disconnected(&socket, &QWebSocket::disconnected);
-    socket.open(QUrl("wss://" + other.hostPort() + "/kelo/ntf/?appuser=M"));
-    QVERIFY(disconnected.wait(15000));
-    QCOMPARE(connected.count(), 0);
-    QCOMPARE(sslSocketErrors.count(), 1);
-    QCOMPARE(other->exchanges().size(), 0);
-    QCOMPARE(other->upgrades().size(), 0);
-}
-
-void TestCloudServer::upgradeAdmission_data()
-{
-    QTest::addColumn<QString>("how");
-    QTest::addColumn<bool>("accepted");
-    QTest::newRow("good signature") << "good" << true;
-    QTest::newRow("bad signature") << "bad tk" << false;
-    QTest::newRow("unknown session") << "unknown session" << false;
-    QTest::newRow("upgrades refused") << "refuse" << false;
-    QTest::newRow("scripted answer") << "scripted" << false;
-}
-
-void TestCloudServer::upgradeAdmission()
-{
-    QFETCH(QString, how);
-    QFETCH(bool, accepted);
-    const QString devid = "d1";
-    QString session = wsSession(devid);
-    QString tk = cloud->state().sign((merchant + devid + session).toUtf8());
-    if (how == "bad tk")
-        tk = cloud->state().sign("something else");
-    if (how == "unknown session") {
-        session = "0123456789abcdef0123456789abcdef";
-        tk = cloud->state().sign((merchant + devid + session).toUtf8());
+    QFETCH(QString, request);
+    QFETCH(QString, signer);
+    QFETCH(QString, expected);
+    if (request.contains("/_sim/")) {
+        QCOMPARE(control(request.section('?', 0, 0), request.section('?', 1).toUtf8()), expected);
+        return;
     }
-    cloud->setRefuseUpgrades(how == "refuse");
-    if (how == "scripted")
-        cloud->scriptReply("/kelo/ntf/", {}, CloudReply());
+    const QString own = session("get_session", "D9"); // D9 holds a session in every row
+    const QString tk = signer.isEmpty()
+                           ? QString()
+                           : sign(request, signer == "D9" ? own : session("get_session", signer));
+    QCOMPARE(api(request, tk), expected);
+}
+
+void TestCloudServer::invoiceLifecycle()
+{
+    // The only test that creates invoices: their codes start at INV#000001.
+    QWebSocket socket;
+    QVERIFY(openSocket(socket, "D9"));
+    QSignalSpy texts(&socket, &QWebSocket::textMessageReceived);
+    const QString request = create("50%1 off"), tk = sign(request, session("get_session", "D9"));
+    // The SDK sends the "dt" of "create" percent-encoded once more; curl need not.
+    QString first = api(
+        request.section(' ', 0, 1) + ' ' + QUrl::toPercentEncoding(request.section(' ', 2)), tk);
+    QCOMPARE(first.replace(dtValue(first, "tptranstoken"), "<token>"),
+             R"(200 {"dt":{"amount":150000,"appid":1,"invoice_code":"INV#000001","qr_code":)"
+             R"("kelopay://pay?merchant=M01&invoice=INV%23000001&amount=150000",)"
+             R"("tptranstoken":"<token>"},"err":0,"msg":"success"})");
+    const QString second = api(request, tk), token = dtValue(second, "tptranstoken");
+    QCOMPARE(dtValue(second, "invoice_code"), "INV#000002");
+    const QString state = R"(200 {"devices":["D9"],"merchant_code":"M01","ok":true,)"
+                          R"("open_invoices":%1,"port":%2,"requests":%3,"sockets":1})";
+    QString summary = control("GET /_sim/state"); // counts itself among the requests
+    QCOMPARE(summary, state.arg(2).arg(cloud->port()).arg(cloud->exchanges().size()));
+
+    // Codes match with or without their "#"; a closed invoice stays closed.
+    const QString cancel =
+        R"(/kelo/api/invoice cancel {"invoice_code":"INV000001","merchant_code":"M01"})";
+    QCOMPARE(api(cancel), success(R"({"invoice_code":"INV#000001","status":"cancelled"})"));
+    QCOMPARE(api(cancel), refused(241, "invoice is not open"));
+    QCOMPARE(control("/_sim/invoice/paid", "invoice_code=INV000001"),
+             R"(404 {"error":"no open invoice INV000001","ok":false})");
+    QCOMPARE(control("/_sim/invoice/paid", "invoice_code=INV000002"),
+             R"(200 {"invoice_code":"INV000002","ok":true,"sockets":1})");
+    QTRY_COMPARE(texts.count(), 1);
+    QCOMPARE(texts.first().first().toString(),
+             R"({"dt":{"amount":150000,"appid":1,"description":"50%1 off",)"
+             R"("invoice_code":"INV#000002","merchant_code":"M01","tptranstoken":")" +
+                 token + R"("},"err":0,"msg":"payment_success","type":1})");
+    QCOMPARE(api(QString(cancel).replace("000001", "000002")), refused(241, "invoice is not open"));
+    summary = control("GET /_sim/state");
+    QCOMPARE(summary, state.arg(0).arg(cloud->port()).arg(cloud->exchanges().size()));
+}
+
+void TestCloudServer::mergeThenPayFreesTables()
+{
+    // The fixture holds order 1 at table 2 (188000) and order 2 at table 5 (95000); no other
+    // test places orders.
+    const QString invoice = "/kelo/api/invoice/ ";
+    QCOMPARE(api(invoice + R"(confirm_order {"amount":65000,"items":[],"merchant_code":"M01",)"
+                           R"("staff_id":2,"table_id":2})"),
+             success(R"({"amount":65000,"order_id":3,"table_amount":253000,"table_id":2})"));
+    const QString merge =
+        invoice + R"(merge_table {"from_tableid":2,"merchant_code":"M01","to_tableid":5})";
+    QCOMPARE(api(merge), success(R"({"amount":348000,"from_tableid":2,"moved":2,"to_tableid":5})"));
+    // The cashier's amount is taken as paid, whatever the bill.
+    QCOMPARE(
+        api(invoice + R"(payment {"amount":1,"merchant_code":"M01","staff_id":3,"table_id":5})"),
+        success(R"({"amount":1,"payment_id":1,"table_id":5,"total":348000})"));
+    QCOMPARE(
+        api(invoice + R"(get_order_list {"merchant_code":"M01","table_id":5})"),
+        success(R"({"amount":0,"items":[],"orders":[],"table_id":5,"table_name":"Terrace 1"})"));
+    // Merging a free table is not an error: nothing moves.
+    QCOMPARE(api(merge), success(R"({"amount":0,"from_tableid":2,"moved":0,"to_tableid":5})"));
+}
+
+void TestCloudServer::faults_data()
+{
+    QTest::addColumn<QByteArray>("form"); // path=/kelo/api/item/ and cm=getlist are added
+    QTest::addColumn<int>("transferTimeout");
+    QTest::addColumn<QString>("outcome"); // "<error> <status> <requests the server saw>"
+    QTest::addColumn<QByteArray>("body"); // "normal": the merchant's own answer; null: unchecked
+    const auto row = [](const char* name, const char* form, const char* outcome,
+                        const QByteArray& body, int transferTimeout = 0) {
+        QTest::newRow(name) << QByteArray(form) << transferTimeout << outcome << body;
+    };
+    row("delay", "kind=delay&ms=600", "NoError 200 1", "normal");
+    // Qt sends a request again (three times at most) on a reset before any byte of the answer.
+    row("drop, 4 times", "kind=drop&times=4", "RemoteHostClosedError 0 4", "");
+    row("reset mid-body", "kind=reset", "RemoteHostClosedError 200 1", QByteArray());
+    row("never answered", "kind=never", "OperationCanceledError 0 1", "", 800);
+    row("status 404", "kind=status&status=404", "ContentNotFoundError 404 1",
+        "kelo-cloud: simulated error 404\n");
+    row("status, 500 by default", "kind=status", "InternalServerError 500 1",
+        "kelo-cloud: simulated error 500\n");
+    row("garbage", "kind=garbage", "NoError 200 1",
+        "<html><body>502 kelo-cloud garbage {\"err\":</body></html>\n");
+    row("empty", "kind=empty", "NoError 200 1", "");
+}
+
+void TestCloudServer::faults()
+{
+    QFETCH(QByteArray, form);
+    QFETCH(int, transferTimeout);
+    QFETCH(QString, outcome);
+    QFETCH(QByteArray, body);
+    const ReplyOutcome normal = get(kItems);
+    const QByteArray cm = form.contains("cm=") ? "" : "&cm=getlist";
+    QVERIFY(control("/_sim/fault", "path=/kelo/api/item/&" + form + cm).startsWith("200 "));
     cloud->clearExchanges();
 
-    QWebSocket socket;
-    QSignalSpy connected(&socket, &QWebSocket::connected);
-    QSignalSpy disconnected(&socket, &QWebSocket::disconnected);
-    QSignalSpy errors(&socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error));
-    socket.open(socketUrl(devid, session, tk));
-    QVERIFY(accepted ? connected.wait(15000) : disconnected.wait(15000));
-    QCOMPARE(connected.count(), accepted ? 1 : 0);
-    QCOMPARE(errors.isEmpty(), accepted);
-    QTRY_COMPARE(cloud->webSocketCount(), accepted ? 1 : 0);
-    QCOMPARE(cloud->connectedDevices(), accepted ? QStringList{devid} : QStringList());
-
-    const auto upgrades = cloud->upgrades();
-    QCOMPARE(upgrades.size(), 1);
-    QCOMPARE(upgrades.first().accepted, accepted);
-    QCOMPARE(upgrades.first().query.queryItemValue("appuser"), merchant);
-    QCOMPARE(upgrades.first().query.queryItemValue("ws_session"), session);
-    QCOMPARE(upgrades.first().query.queryItemValue("tk"), tk);
-    const auto exchanges = cloud->exchanges("/kelo/ntf/");
-    QCOMPARE(exchanges.size(), 1);
-    QCOMPARE(exchanges.first().header("Upgrade").toLower(), QByteArray("websocket"));
+    QElapsedTimer clock;
+    clock.start();
+    const ReplyOutcome faulty = get(kItems, transferTimeout);
+    QCOMPARE(errorAndStatus(faulty) + ' ' + QString::number(cloud->exchanges().size()), outcome);
+    if (!body.isNull())
+        QCOMPARE(faulty.body, body == "normal" ? normal.body : body);
+    if (form.contains("ms=")) // a delayed answer may come late, never early
+        QVERIFY(clock.elapsed() >= 600);
+    QCOMPARE(get(kItems).body, normal.body); // used up
 }
 
-void TestCloudServer::pushReachesOnlyItsDevice()
+void TestCloudServer::faultsNeverLockTheControlOut()
 {
-    QWebSocket first;
-    QWebSocket second;
-    QVERIFY(openSocket(first, "dev-a"));
-    QVERIFY(openSocket(second, "dev-b"));
-    QTRY_COMPARE(cloud->webSocketCount(), 2);
-    QStringList devices = cloud->connectedDevices();
-    devices.sort();
-    QCOMPARE(devices, QStringList({"dev-a", "dev-b"}));
-
-    QSignalSpy firstTexts(&first, &QWebSocket::textMessageReceived);
-    QSignalSpy secondTexts(&second, &QWebSocket::textMessageReceived);
-    const QByteArray notice = R"({"dt":{"invoice_code":"é1"},"err":0,"msg":"","type":"x"})";
-    QVERIFY(cloud->pushText("dev-a", notice));
-    QVERIFY(!cloud->pushText("dev-c", "nobody"));
-    QCOMPARE(cloud->pushAll("to all"), 2);
-    QTRY_COMPARE(firstTexts.count(), 2);
-    QTRY_COMPARE(secondTexts.count(), 1);
-    QCOMPARE(firstTexts.at(0).at(0).toString(), QString::fromUtf8(notice));
-    QCOMPARE(firstTexts.at(1).at(0).toString(), QString("to all"));
-    QCOMPARE(secondTexts.at(0).at(0).toString(), QString("to all"));
-
-    // A client's normal close takes its socket off the list.
-    first.close();
-    QTRY_COMPARE(cloud->connectedDevices(), QStringList{"dev-b"});
+    QCOMPARE(control("/_sim/fault", "path=/&kind=never&times=100"),
+             R"(200 {"cm":"","kind":"never","ms":0,"ok":true,"path":"/","times":100})");
+    QCOMPARE(errorAndStatus(get(kItems, 500)), QStringLiteral("OperationCanceledError 0"));
+    QCOMPARE(control("/_sim/pongs", "answer=1"), R"(200 {"answer":true,"ok":true})");
 }
 
-void TestCloudServer::pingsStopBeingAnsweredWhenSwitchedOff()
+void TestCloudServer::socketRoutes()
 {
-    QWebSocket socket;
-    QVERIFY(openSocket(socket, "dev-p"));
-    QSignalSpy pongs(&socket, &QWebSocket::pong);
-    QSignalSpy texts(&socket, &QWebSocket::textMessageReceived);
+    QWebSocket a, b;
+    QVERIFY(openSocket(a, "dev-a"));
+    QVERIFY(openSocket(b, "dev-b"));
+    QSignalSpy textsA(&a, &QWebSocket::textMessageReceived);
+    QSignalSpy textsB(&b, &QWebSocket::textMessageReceived);
+    QSignalSpy pongs(&a, &QWebSocket::pong);
+    QSignalSpy errors(&a, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error));
 
-    socket.ping("one");
+    const QString frame = R"({"dt":{"note":"a&b=c + é"},"err":0,"msg":"x","type":9})";
+    const QByteArray text = "&text=" + QUrl::toPercentEncoding(frame);
+    QCOMPARE(control("/_sim/push", "devid=dev-a" + text),
+             R"(200 {"devid":"dev-a","ok":true,"sockets":1})");
+    QCOMPARE(control("/_sim/push", "devid=" + text), R"(200 {"ok":true,"sockets":2})");
+    QVERIFY(cloud->pushText("dev-b", "last")); // frames keep their order on one socket
+    QTRY_COMPARE(textsA.count(), 2);
+    QTRY_COMPARE(textsB.count(), 2);
+    const auto received = [](const QSignalSpy& spy) {
+        return spy.at(0).at(0).toString() + '|' + spy.at(1).at(0).toString();
+    };
+    QCOMPARE(received(textsA), frame + '|' + frame);
+    QCOMPARE(received(textsB), frame + "|last");
+
+    QCOMPARE(control("/_sim/pongs", "answer=0"), R"(200 {"answer":false,"ok":true})");
+    const int pings = cloud->pingCount();
+    a.ping("unanswered");
+    QTRY_COMPARE(cloud->pingCount(), pings + 1);
+    // A pong would have been written before this text: once the text is here, none came.
+    QVERIFY(cloud->pushText("dev-a", "after the ping"));
+    QTRY_COMPARE(textsA.count(), 3);
+    QCOMPARE(pongs.count(), 0);
+    QCOMPARE(control("/_sim/pongs", "answer=1"), R"(200 {"answer":true,"ok":true})");
+    a.ping("answered");
     QVERIFY(pongs.wait(15000));
-    QCOMPARE(pongs.last().at(1).toByteArray(), QByteArray("one"));
-
-    cloud->setAnswerPings(false);
-    const int pingsBefore = cloud->pingCount();
-    socket.ping("two");
-    QTRY_COMPARE(cloud->pingCount(), pingsBefore + 1);
-    // A pong would have been written before this text, so once the text is here none came.
-    QVERIFY(cloud->pushText("dev-p", "after ping"));
-    QVERIFY(texts.wait(15000));
     QCOMPARE(pongs.count(), 1);
-    QCOMPARE(cloud->webSocketCount(), 1);
+    QCOMPARE(pongs.first().at(1).toByteArray(), QByteArray("answered"));
 
-    cloud->setAnswerPings(true);
-    socket.ping("three");
-    QVERIFY(pongs.wait(15000));
-    QCOMPARE(pongs.count(), 2);
-    QCOMPARE(pongs.last().at(1).toByteArray(), QByteArray("three"));
-}
-
-void TestCloudServer::dropWebSocketsClosesAbruptly()
-{
-    QWebSocket socket;
-    QVERIFY(openSocket(socket, "dev-d"));
-    QSignalSpy disconnected(&socket, &QWebSocket::disconnected);
-    QSignalSpy errors(&socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error));
-    cloud->dropWebSockets();
-    QVERIFY(disconnected.wait(15000));
-    QCOMPARE(errors.count(), 1);
+    QCOMPARE(control("/_sim/drop-sockets"), R"(200 {"dropped":2,"ok":true})");
+    QTRY_COMPARE(errors.count(), 1); // abrupt: no close handshake
     QCOMPARE(errors.first().at(0).value<QAbstractSocket::SocketError>(),
              QAbstractSocket::RemoteHostClosedError);
-    QCOMPARE(cloud->webSocketCount(), 0);
-    QVERIFY(!cloud->pushText("dev-d", "gone"));
 }
 
-void TestCloudServer::outageAndComeBackOnSamePort()
+void TestCloudServer::downForSecondsThenBackOnSamePort()
 {
     const quint16 port = cloud->port();
     QWebSocket socket;
     QVERIFY(openSocket(socket, "dev-o"));
-    cloud->scriptReply("/kelo/api/table/", {}, fault(Fault::NeverAnswer));
-    QNetworkReply* held = get("/kelo/api/table/");
-    QTRY_COMPARE(cloud->exchanges("/kelo/api/table/").size(), 1);
     QSignalSpy disconnected(&socket, &QWebSocket::disconnected);
-
-    cloud->goDown();
-    QVERIFY(!cloud->isUp());
-    // Qt sends the held request again after the reset, and finds the port closed.
-    QCOMPARE(finish(held).error, QNetworkReply::ConnectionRefusedError);
+    // The answer comes whole before the outage.
+    QCOMPARE(control("/_sim/down", "seconds=3"),
+             QStringLiteral(R"(200 {"ok":true,"port":%1,"seconds":3})").arg(port));
     QTRY_COMPARE(disconnected.count(), 1);
-    QCOMPARE(cloud->webSocketCount(), 0);
-    QCOMPARE(finish(get("/kelo/api/item/")).error, QNetworkReply::ConnectionRefusedError);
-
-    QVERIFY(cloud->comeBack());
-    QVERIFY(cloud->isUp());
+    QCOMPARE(errorAndStatus(get(kItems)), QStringLiteral("ConnectionRefusedError 0"));
+    QTRY_VERIFY_WITH_TIMEOUT(cloud->isUp(), 15000);
     QCOMPARE(cloud->port(), port);
-    QCOMPARE(finish(get("/kelo/api/item/")).error, QNetworkReply::NoError);
-    QVERIFY(cloud->comeBack()); // already up: nothing to do
+    QCOMPARE(errorAndStatus(get(kItems)), QStringLiteral("NoError 200"));
 }
 
-void TestCloudServer::caIsReusedOnlyWhenAsked()
+void TestCloudServer::caIsKeptAcrossRuns()
 {
+    // A device that trusted the CA once keeps trusting it; its key stays private.
     QTemporaryDir dir;
-    CloudOptions options;
+    kelocloud::CloudOptions options;
     options.caDir = dir.path();
-    QByteArray firstPem;
-    {
-        CloudServer server(options);
-        QVERIFY(server.start());
-        firstPem = server.caCertificatePem();
-        QCOMPARE(server.caCertificatePath(), dir.filePath("ca.pem"));
-        QVERIFY(QFileInfo(dir.filePath("ca.key")).isFile());
-        QCOMPARE(QFileInfo(dir.filePath("ca.key")).permissions() & QFileDevice::ReadOther,
-                 QFileDevice::Permissions());
-    }
-    {
-        CloudServer server(options);
-        QVERIFY(server.start());
-        QCOMPARE(server.caCertificatePem(), firstPem);
-    }
-    options.reuseCa = false;
-    CloudServer fresh(options);
-    QVERIFY(fresh.start());
-    QVERIFY(fresh.caCertificatePem() != firstPem);
-    QFile written(dir.filePath("ca.pem"));
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    QCOMPARE(written.readAll(), fresh.caCertificatePem());
-
-    // A damaged key is replaced by a new CA, even when reuse is asked.
-    fresh.stop();
-    QFile key(dir.filePath("ca.key"));
-    QVERIFY(key.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    key.write("garbage");
-    key.close();
-    options.reuseCa = true;
-    CloudServer repaired(options);
-    QVERIFY(repaired.start());
-    QVERIFY(repaired.caCertificatePem() != fresh.caCertificatePem());
-}
-
-void TestCloudServer::stopIsSafeInAnyState()
-{
-    CloudServer server;
-    server.stop();
-    QCOMPARE(server.webSocketCount(), 0);
-    QCOMPARE(server.pushAll("x"), 0);
-    QVERIFY(!server.comeBack());
-    QVERIFY(!server.isUp());
-    QVERIFY(server.start());
-    QVERIFY(server.start()); // already running
-    const quint16 port = server.port();
-    const QByteArray ca = server.caCertificatePem();
-    server.stop();
-    server.stop();
-    QVERIFY(server.start()); // a restart keeps the address and the CA
-    QCOMPARE(server.port(), port);
-    QCOMPARE(server.caCertificatePem(), ca);
-    server.stop();
-    QVERIFY(!server.isUp());
-    QCOMPARE(server.webSocketCount(), 0);
-    // A held connection does not delay stopping.
-    QVERIFY(server.start());
-    trustCertificateAuthority(server.caCertificatePem());
-    server.scriptReply("/", {}, fault(Fault::NeverAnswer));
-    QNetworkReply* held = nam->get(QNetworkRequest(QUrl("https://" + server.hostPort() + "/x")));
-    QTRY_COMPARE(server.exchanges().size(), 1);
-    server.stop();
-    QCOMPARE(finish(held).error, QNetworkReply::ConnectionRefusedError); // after Qt's retry
-}
-
-void TestCloudServer::standaloneToolPrintsItsAddressAndQuitsOnSigterm()
-{
-#ifndef KELO_CLOUD_TOOL_PATH
-    QSKIP("kelo-cloud is not built");
-#else
-    QTemporaryDir dataHome;
-    QProcess tool;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_DATA_HOME", dataHome.path());
-    env.insert("XDG_RUNTIME_DIR", dataHome.path()); // private, as Qt Gui wants it
-    tool.setProcessEnvironment(env);
-    tool.start(KELO_CLOUD_TOOL_PATH, {"--port", "0"});
-    QVERIFY(tool.waitForStarted());
-    QByteArray out;
-    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= 2, 15000);
-    const QStringList lines = QString::fromUtf8(out).split('\n', Qt::SkipEmptyParts);
-    QCOMPARE(lines.size(), 2);
-    const QRegularExpressionMatch listening =
-        QRegularExpression("^kelo-cloud listening on (127\\.0\\.0\\.1:\\d+)$").match(lines[0]);
-    QVERIFY2(listening.hasMatch(), qPrintable(lines[0]));
-    const QString caPath = dataHome.path() + "/kelo-cloud/ca.pem";
-    QCOMPARE(lines[1], "kelo-cloud CA certificate: " + caPath);
-
-    QFile ca(caPath);
-    QVERIFY(ca.open(QIODevice::ReadOnly));
-    trustCertificateAuthority(ca.readAll());
-    const QUrl url("https://" + listening.captured(1) + "/kelo/api/item/?cm=getlist");
-    QCOMPARE(finish(nam->get(QNetworkRequest(url))).error, QNetworkReply::NoError);
-
-    tool.terminate(); // SIGTERM
-    QVERIFY(tool.waitForFinished(15000));
-    QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(tool.exitCode(), 0);
-    QCOMPARE(tool.readAllStandardError(), QByteArray());
-#endif
+    const auto caOfARun = [&] {
+        kelocloud::CloudServer server(options);
+        return server.start() ? server.caCertificatePem() : QByteArray();
+    };
+    const QByteArray first = caOfARun();
+    QVERIFY(!first.isEmpty());
+    QCOMPARE(caOfARun(), first);
+    QCOMPARE(QFile(dir.filePath("ca.key")).permissions(),
+             QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
+                 QFileDevice::WriteUser);
 }
 
 QTEST_GUILESS_MAIN(TestCloudServer)

@@ -1,1 +1,0 @@
-kelo_add_test(cloudstate TIMEOUT 60)
