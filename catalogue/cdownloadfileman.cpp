@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -13,6 +14,7 @@
 #include <QUrl>
 
 #include <limits>
+#include <utility>
 
 #include <utime.h>
 
@@ -61,6 +63,24 @@ bool isWebUrl(const QUrl& url)
 {
     return url.isValid() &&
            (url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http"));
+}
+
+// The part of a file name that the filter "<base>.*" compares with <base>: everything before its
+// first "." (a base name holds no "."). QDir matches filters without regard to case, hence the
+// case folding. Empty for a name without ".", which no such filter matches.
+QString dishKey(const QString& fileName)
+{
+    const int dot = fileName.indexOf(QLatin1Char('.'));
+    return dot <= 0 ? QString() : fileName.left(dot).toCaseFolded();
+}
+
+bool isWildcardFree(const QString& name)
+{
+    for (const QChar c : name)
+        if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('[') ||
+            c == QLatin1Char(']') || c == QLatin1Char('\\'))
+            return false;
+    return true;
 }
 
 } // namespace
@@ -124,6 +144,9 @@ void CDownloadFileMan::StartDownload()
     if (networkManager)
         return;
     currentIndex = 0;
+    runPictureDirectory = pictureDirectory();
+    runFolderIndex.clear();
+    runFolderIndexed = false;
     networkManager = new QNetworkAccessManager(this);
     DownloadNextFile();
 }
@@ -151,10 +174,34 @@ void CDownloadFileMan::DeleteOldFiles()
         return;
     const QFileInfo file(info->localPath);
     QDir dir = file.absoluteDir();
-    const QStringList names =
-        dir.entryList(QStringList(file.baseName() + QLatin1String(".*")), QDir::Files);
-    for (const QString& name : names)
+    for (const QString& name : oldFileNames(dir, file.baseName()))
         dir.remove(name);
+}
+
+QStringList CDownloadFileMan::oldFileNames(const QDir& dir, const QString& baseName)
+{
+    // Outside a run, and for a name that is itself a pattern, the folder is asked directly.
+    if (runPictureDirectory.isEmpty() || baseName.isEmpty() || !isWildcardFree(baseName))
+        return dir.entryList(QStringList(baseName + QLatin1String(".*")), QDir::Files);
+    if (!runFolderIndexed) {
+        const QStringList names = dir.entryList(QDir::Files);
+        for (const QString& name : names) {
+            const QString key = dishKey(name);
+            if (!key.isEmpty())
+                runFolderIndex[key].append(name);
+        }
+        runFolderIndexed = true;
+    }
+    // Taken out of the index: the caller deletes them.
+    return runFolderIndex.take(baseName.toCaseFolded());
+}
+
+void CDownloadFileMan::indexCreatedFile(const QString& localPath)
+{
+    const QString name = QFileInfo(localPath).fileName();
+    const QString key = dishKey(name);
+    if (runFolderIndexed && !key.isEmpty())
+        runFolderIndex[key].append(name);
 }
 
 void CDownloadFileMan::DownloadNextFile()
@@ -208,6 +255,7 @@ void CDownloadFileMan::DownloadNextFile()
         DownloadOneFileFinish();
         return;
     }
+    indexCreatedFile(info.localPath);
     outputFailed = false;
 
     // Pictures come from a web server; a "file:", "qrc:" or "data:" address from the catalogue
@@ -311,6 +359,9 @@ void CDownloadFileMan::DownloadDone()
     releaseOutputFile(false);
     delete networkManager;
     networkManager = nullptr;
+    runPictureDirectory.clear();
+    runFolderIndex.clear();
+    runFolderIndexed = false;
     firstRun = false;
     if (debug)
         qDebug("Download complete");
@@ -354,19 +405,39 @@ QString CDownloadFileMan::pictureDirectory()
         .absolutePath();
 }
 
-bool CDownloadFileMan::isCacheFilePath(const QString& localPath)
+QString CDownloadFileMan::currentPictureDirectory() const
+{
+    return runPictureDirectory.isEmpty() ? pictureDirectory() : runPictureDirectory;
+}
+
+void CDownloadFileMan::keepParsedReply(const QString& text, const QJsonObject& reply)
+{
+    parsedText = text;
+    parsedReply = reply;
+}
+
+QJsonObject CDownloadFileMan::takeParsedReply(const QString& text)
+{
+    const QString keptText = std::exchange(parsedText, QString());
+    QJsonObject kept = std::exchange(parsedReply, QJsonObject());
+    if (!keptText.isNull() && keptText == text)
+        return kept;
+    return QJsonDocument::fromJson(text.toUtf8()).object();
+}
+
+bool CDownloadFileMan::isCacheFilePath(const QString& localPath) const
 {
     // A text check on purpose: resolving the path (QFileInfo, QDir::cleanPath) would fold away
     // "x/../" parts that the file system itself would follow.
-    const QString images = pictureDirectory() + QLatin1String("/images/");
+    const QString images = currentPictureDirectory() + QLatin1String("/images/");
     return localPath.startsWith(images) && isPlainFileName(localPath.mid(images.size()));
 }
 
-bool CDownloadFileMan::isInsideCacheFolder(const QString& localPath)
+bool CDownloadFileMan::isInsideCacheFolder(const QString& localPath) const
 {
     if (!isCacheFilePath(localPath))
         return false;
-    const QString base = pictureDirectory();
+    const QString base = currentPictureDirectory();
     const QString images = QFileInfo(base + QLatin1String("/images")).canonicalFilePath();
     return !images.isEmpty() && QFileInfo(images).isDir() &&
            images == QFileInfo(base).canonicalFilePath() + QLatin1String("/images");

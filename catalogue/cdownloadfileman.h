@@ -2,10 +2,14 @@
 
 #include "kelo_export.h"
 
+#include <QHash>
+#include <QJsonObject>
 #include <QList>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
+class QDir;
 class QFile;
 class QNetworkAccessManager;
 class QNetworkReply;
@@ -86,18 +90,42 @@ private:
     /// Set when writing the current picture failed; the entry then ends like a network error.
     bool outputFailed = false;
 
+    /// The picture directory, looked up once per run (empty outside a run).
+    QString runPictureDirectory;
+    /// During a run: the regular files of the images folder by dish (the part of the name before
+    /// its first ".", case-folded), listed once and kept up to date with the files the run
+    /// creates, so that finding a dish's old pictures does not list the folder for every dish.
+    QHash<QString, QStringList> runFolderIndex;
+    bool runFolderIndexed = false;
+
+    /// The reply that parseDataFoods() parsed, and its text: updateDataFoods() on the same text
+    /// reuses it instead of parsing the whole menu a second time.
+    QString parsedText;
+    QJsonObject parsedReply;
+
     /// The record at the current index, or null when the index is outside the list.
     tagDownFileInfo* currentRecord();
     /// Ends the current download: closes the output file and, unless @p keep, removes it.
     void releaseOutputFile(bool keep);
     void logImage(const tagDownFileInfo& info, const char* what) const;
+    /// The names in @p dir of the regular files "<baseName>.*".
+    QStringList oldFileNames(const QDir& dir, const QString& baseName);
+    /// Records a file that this run created in the images folder.
+    void indexCreatedFile(const QString& localPath);
+
+    /// Keeps the parsed reply for updateDataFoods() (parseDataFoods() calls it).
+    void keepParsedReply(const QString& text, const QJsonObject& reply);
+    /// The kept parse of @p text, or a fresh one; the kept one is released either way.
+    QJsonObject takeParsedReply(const QString& text);
 
     /// The directory that holds the picture cache's "images" folder.
     static QString pictureDirectory();
+    /// pictureDirectory(), as looked up at the start of the current run.
+    QString currentPictureDirectory() const;
     /// Whether @p localPath names a plain file directly inside <picture directory>/images.
-    static bool isCacheFilePath(const QString& localPath);
+    bool isCacheFilePath(const QString& localPath) const;
     /// isCacheFilePath(), plus: the existing images folder resolves to itself (no symlink out).
-    static bool isInsideCacheFolder(const QString& localPath);
+    bool isInsideCacheFolder(const QString& localPath) const;
 
     /// Libcmn's catalogue functions name the cache files from the same picture directory.
     friend class Libcmn;

@@ -14,11 +14,6 @@ namespace {
 
 const QString PlaceholderPicture = QStringLiteral("qrc:/icons/images/defaultfood.png");
 
-QJsonObject catalogueBody(const QString& data)
-{
-    return QJsonDocument::fromJson(data.toUtf8()).object().value(QLatin1String("dt")).toObject();
-}
-
 // The catalogue stamp is a JSON number; out-of-range values (negative, NaN, beyond 64 bits) would
 // make the conversion undefined, so they are clamped.
 unsigned long long toStamp(double value)
@@ -46,7 +41,9 @@ void Libcmn::parseDataFoods(const QString& data, CDownloadFileMan& manager,
 {
     const QString images = CDownloadFileMan::pictureDirectory() + QLatin1String("/images/");
     manager.Reset();
-    const QJsonObject dt = catalogueBody(data);
+    const QJsonObject reply = QJsonDocument::fromJson(data.toUtf8()).object();
+    manager.keepParsedReply(data, reply);
+    const QJsonObject dt = reply.value(QLatin1String("dt")).toObject();
     const QString host = dt.value(QLatin1String("img_host")).toString();
     lastUpdate = toStamp(dt.value(QLatin1String("last_update")).toDouble());
 
@@ -64,9 +61,11 @@ void Libcmn::parseDataFoods(const QString& data, CDownloadFileMan& manager,
 
 QString Libcmn::updateDataFoods(const QString& data, CDownloadFileMan& manager)
 {
-    QJsonObject top = QJsonDocument::fromJson(data.toUtf8()).object();
-    QJsonObject dt = top.value(QLatin1String("dt")).toObject();
-    QJsonArray items = dt.value(QLatin1String("items")).toArray();
+    // The menu parsed before the downloads is reused when it is this same text. Each level is
+    // taken out of its parent while it is edited, so that the edits do not copy it.
+    QJsonObject top = manager.takeParsedReply(data);
+    QJsonObject dt = top.take(QLatin1String("dt")).toObject();
+    QJsonArray items = dt.take(QLatin1String("items")).toArray();
 
     // Items and records pair by position. The list comes from this very text, but a text that
     // differs from the parsed one must not make us read past the items.
@@ -75,6 +74,7 @@ QString Libcmn::updateDataFoods(const QString& data, CDownloadFileMan& manager)
     for (int i = 0; i < count; ++i) {
         const tagDownFileInfo& file = files.at(i);
         QJsonObject item = items.at(i).toObject();
+        items.replace(i, QJsonValue());
         item.insert(QLatin1String("img_path"),
                     file.fileReady
                         ? QLatin1String("file:///") + QFileInfo(file.localPath).absoluteFilePath()
