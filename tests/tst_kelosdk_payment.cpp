@@ -1,5 +1,5 @@
 // The e-wallet invoice chain, invoice cancel and the server's notices through the SDK object
-// (the table's payment: tst_kelosdk_floor; transport faults: tst_faultmatrix).
+// (the table's payment: tst_kelosdk; transport faults: tst_faultmatrix).
 #include "httpbase2.h"
 #include "sdkkinds.h"
 #include "signalrecorder.h"

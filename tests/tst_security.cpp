@@ -13,16 +13,6 @@ namespace {
 
 const QString kPassword = QStringLiteral("Tr0ub4dor-kelo-7731");
 
-struct StopAndDelete
-{
-    void operator()(WSClient* client) const
-    {
-        client->stop();
-        client->wait();
-        delete client;
-    }
-};
-
 } // namespace
 
 class TestSecurity : public QObject
@@ -56,10 +46,17 @@ void TestSecurity::wssRefusesAnUnverifiedServer()
     untrusted->clearExchanges();
     const int upgradesBefore = socketServer->upgrades().size();
     LogCapture log;
-    std::unique_ptr<WSClient, StopAndDelete> client(new WSClient(
-        QUrl(QStringLiteral("wss://%1/kelo/ntf/").arg(socketServer.hostPort())),
-        f.cloud.url(QStringLiteral("/kelo/api/common")), QString::fromLatin1(kMerchant),
-        QUuid::createUuid().toString(QUuid::Id128), true, nullptr));
+    const auto stopAndDelete = [](WSClient* c) {
+        c->stop();
+        c->wait();
+        delete c;
+    };
+    std::unique_ptr<WSClient, decltype(stopAndDelete)> client(
+        new WSClient(QUrl(QStringLiteral("wss://%1/kelo/ntf/").arg(socketServer.hostPort())),
+                     f.cloud.url(QStringLiteral("/kelo/api/common")),
+                     QString::fromLatin1(kMerchant), QUuid::createUuid().toString(QUuid::Id128),
+                     true, nullptr),
+        stopAndDelete);
     QSignalSpy connected(client.get(), &WSClient::connected);
     client->start();
 
