@@ -1,5 +1,5 @@
-# The SDK object: construction and notification hookup, then one suite per group of flows.
+# The SDK object: notification hookup, each request kind's wire form and busy guard, logging;
+# then one suite per flow with a state of its own.
 kelo_add_test(kelosdk)
 kelo_add_test(kelosdk_login)
-kelo_add_test(kelosdk_floor)
 kelo_add_test(kelosdk_payment)

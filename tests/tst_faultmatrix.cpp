@@ -1,14 +1,11 @@
 // Every request kind of the SDK object against every way the server can fail it: the one signal
 // that ends the request, and whether the kind is then free again or still held.
 #include "httpbase2.h"
-#include "kelosdk.h"
+#include "sdkkinds.h"
+#include "signalrecorder.h"
 #include "testcloud.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QMetaMethod>
 #include <QNetworkReply>
-#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QtTest>
 
@@ -18,145 +15,59 @@ using kelocloud::CloudReply;
 
 namespace {
 
-enum class Kind
-{
-    Login,
-    Menu,
-    Order,
-    Tables,
-    TableFoods,
-    Merge,
-    Payment,
-    Session,
-    Create,
-    Cancel
-};
-
-enum class Fault
-{
-    Refused,
-    ResetBefore,
-    ResetMid,
-    NotFound,
-    ServerError,
-    Garbage,
-    Empty,
-    NeverAnswer,
-    Untrusted
-};
-
-/// What the same request meets when it is asked for again after the fault.
-enum class Again
-{
-    Free,     ///< a new request goes out
-    Held,     ///< refused with the kind's busy code, nothing sent
-    Forgotten ///< (cancel) the invoice is gone: refused with 105, nothing sent
-};
-
-struct KindInfo
-{
-    const char* name;
-    QByteArray path; // where the request goes ...
-    QString cm;      // ... and its operation word
-    const char* doneSignal;
-    int busyCode;
-    const char* busyText;
-};
-
-const QMap<Kind, KindInfo>& kinds()
-{
-    static const QMap<Kind, KindInfo> table{
-        {Kind::Login,
-         {"login", "/kelo/api/login/", "client_login", "userLoginDone", 106,
-          "kelo process login busy!"}},
-        {Kind::Menu,
-         {"menu", "/kelo/api/item/", "getlist", "foodsRequestDone", 102,
-          "kelo process food busy!"}},
-        {Kind::Order,
-         {"food order", "/kelo/api/invoice/", "confirm_order", "foodOrderRequestDone", 102,
-          "kelo process food order busy!"}},
-        {Kind::Tables,
-         {"tables", "/kelo/api/table/", "getlist", "tableRequestDone", 110,
-          "kelo process table busy"}},
-        {Kind::TableFoods,
-         {"table foods", "/kelo/api/invoice/", "get_order_list", "tableFoodsDone", 111,
-          "kelo process ordered foods list information detail!"}},
-        {Kind::Merge,
-         {"merge", "/kelo/api/invoice/", "merge_table", "tableMergeDone", 112,
-          "kelo process merge table!"}},
-        {Kind::Payment,
-         {"payment", "/kelo/api/invoice/", "payment", "paymentDone", 113,
-          "kelo process payment busy"}},
-        {Kind::Session,
-         {"get_session", "/kelo/api/invoice/", "get_session", "", 103,
-          "kelo process tumipay busy"}},
-        {Kind::Create,
-         {"create", "/kelo/api/invoice/", "create", "tumiQRInvoiceCode", 103,
-          "kelo process tumipay busy"}},
-        {Kind::Cancel,
-         {"cancel", "/kelo/api/invoice", "cancel", "tumipayCancelDone", 104,
-          "kelo process paycancel busy"}},
-    };
-    return table;
-}
-
-const QMap<Fault, const char*>& faultNames()
-{
-    static const QMap<Fault, const char*> names{{Fault::Refused, "connection refused"},
-                                                {Fault::ResetBefore, "reset before answer"},
-                                                {Fault::ResetMid, "reset mid-body"},
-                                                {Fault::NotFound, "HTTP 404"},
-                                                {Fault::ServerError, "HTTP 500"},
-                                                {Fault::Garbage, "garbage body"},
-                                                {Fault::Empty, "empty body"},
-                                                {Fault::NeverAnswer, "no answer, host gives up"},
-                                                {Fault::Untrusted, "untrusted certificate"}};
-    return names;
-}
-
+// Generous: only a failing row waits this long, and sanitizers or an emulator slow TLS down.
+constexpr int kWait = 20000;
 const QByteArray kGarbage = "<html>not json";
-const QByteArray kInvoice = R"({"dt":{"invoice_code":"#A#12","qr":"data"},"err":0,"msg":"ok"})";
-const QString kCode = QStringLiteral("#A#12");
 // What the host passes to onNetworkError when it gives up on a request that never ends.
 constexpr int kHostGaveUpCode = QNetworkReply::TimeoutError;
-const QString kHostGaveUpText = QStringLiteral("the host gave up waiting");
+const char kRefused[] = "connection refused";
+const char kUntrusted[] = "untrusted certificate";
+const char kNeverAnswer[] = "no answer, host gives up";
 
-// Every signal of the SDK object except the connection state, whose timing is the network's.
-class SignalRecorder
+/// One way the server fails a request, and the networkError it ends in (code 0: it does not,
+/// the answer is a body that is not the expected JSON; %1 in the text: the request's URL).
+struct Fault
 {
-public:
-    explicit SignalRecorder(QObject* object)
-    {
-        const QMetaObject* meta = object->metaObject();
-        for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
-            const QMetaMethod method = meta->method(i);
-            if (method.methodType() == QMetaMethod::Signal &&
-                method.name() != "cloudConnectionChange")
-                spies.insert(method.name(), std::make_shared<QSignalSpy>(object, method));
-        }
-    }
-    QSignalSpy& operator[](const QByteArray& name) { return *spies[name]; }
-    /// "name xN" for every signal emitted so far.
-    QStringList fired() const
-    {
-        QStringList all;
-        for (auto it = spies.cbegin(); it != spies.cend(); ++it)
-            if (!it.value()->isEmpty())
-                all << QStringLiteral("%1 x%2")
-                           .arg(QString::fromLatin1(it.key()))
-                           .arg(it.value()->size());
-        return all;
-    }
-
-private:
-    QMap<QByteArray, std::shared_ptr<QSignalSpy>> spies;
+    QByteArray name;
+    CloudReply answer; ///< scripted for the request, unless no server answers at all
+    int times;         ///< how many requests get it
+    int code;
+    QString text;
 };
 
-} // namespace
+const QList<Fault>& faults()
+{
+    static const QList<Fault> list = [] {
+        QList<Fault> all;
+        const auto add = [&all](const char* name, int status, const QByteArray& body,
+                                CloudReply::Fault fault, int times, int code, const char* text) {
+            all.append({name, CloudReply{status, body, {}, 0, fault, false}, times, code,
+                        QString::fromLatin1(text)});
+        };
+        using F = CloudReply::Fault;
+        add(kRefused, 0, "", F::None, 0, QNetworkReply::ConnectionRefusedError,
+            "Connection refused");
+        // Qt sends a request again, up to three times, when its connection closes before any
+        // answer; after half a body it gives up at once.
+        add("reset before answer", 200, "", F::ResetBeforeHeaders, 4,
+            QNetworkReply::RemoteHostClosedError, "Connection closed");
+        add("reset mid-body", 200, kInvoiceReply.repeated(64), F::ResetMidBody, 1,
+            QNetworkReply::RemoteHostClosedError, "Connection closed");
+        add("HTTP 404", 404, R"({"err":0})", F::None, 1, QNetworkReply::ContentNotFoundError,
+            "Error transferring %1 - server replied: Not Found");
+        add("HTTP 500", 500, R"({"err":0})", F::None, 1, QNetworkReply::InternalServerError,
+            "Error transferring %1 - server replied: Internal Server Error");
+        add(kNeverAnswer, 200, "", F::NeverAnswer, 1, kHostGaveUpCode, "the host gave up waiting");
+        add(kUntrusted, 0, "", F::None, 0, QNetworkReply::SslHandshakeFailedError,
+            "SSL handshake failed");
+        add("garbage body", 200, kGarbage, F::None, 1, 0, "");
+        add("empty body", 200, "", F::None, 1, 0, "");
+        return all;
+    }();
+    return list;
+}
 
-Q_DECLARE_METATYPE(Kind)
-Q_DECLARE_METATYPE(Fault)
-Q_DECLARE_METATYPE(Again)
+} // namespace
 
 class TestFaultMatrix : public QObject
 {
@@ -168,10 +79,8 @@ private Q_SLOTS:
     void everyKindAgainstEveryFault();
 
 private:
-    std::unique_ptr<Kelosdk> sdkFor(Fault fault);
-    void issue(Kelosdk& sdk, Kind kind, Fault fault);
-    void scriptFault(Kind kind, Fault fault);
-    bool openInvoice(Kelosdk& sdk, Fault fault);
+    std::unique_ptr<Kelosdk> sdkFor(const Fault& fault);
+    bool openInvoice(Kelosdk& sdk, bool noServer);
     TestCloud cloud;
     TestCloud untrusted{TestCloud::Untrusted};
 };
@@ -190,12 +99,12 @@ void TestFaultMatrix::cleanupTestCase()
     untrusted->goDown();
 }
 
-std::unique_ptr<Kelosdk> TestFaultMatrix::sdkFor(Fault fault)
+std::unique_ptr<Kelosdk> TestFaultMatrix::sdkFor(const Fault& fault)
 {
     // The SDK reads its server when it is constructed.
-    if (fault == Fault::Refused)
+    if (fault.name == kRefused)
         qputenv("KELO_SERVER_HOST", "127.0.0.1:1");
-    else if (fault == Fault::Untrusted)
+    else if (fault.name == kUntrusted)
         untrusted.pointSdkHere();
     std::unique_ptr<Kelosdk> sdk(
         new Kelosdk(QStringLiteral("M01"), QStringLiteral("POS-1"), false));
@@ -203,253 +112,128 @@ std::unique_ptr<Kelosdk> TestFaultMatrix::sdkFor(Fault fault)
     return sdk;
 }
 
-void TestFaultMatrix::issue(Kelosdk& sdk, Kind kind, Fault fault)
-{
-    switch (kind) {
-    case Kind::Login:
-        sdk.userLogin(QStringLiteral("anna"), QStringLiteral("pw"));
-        break;
-    case Kind::Menu:
-        sdk.foodsRequest();
-        break;
-    case Kind::Order:
-        sdk.foodOrderRequest(QJsonObject{{"table_id", 3}, {"amount", 5}, {"items", QJsonArray()}});
-        break;
-    case Kind::Tables:
-        sdk.tableRequest();
-        break;
-    case Kind::TableFoods:
-        sdk.tableFoodsRequest(3);
-        break;
-    case Kind::Merge:
-        sdk.tableMergeRequest(3, 4);
-        break;
-    case Kind::Payment:
-        sdk.paymentRequest(3, 5);
-        break;
-    case Kind::Session:
-        sdk.tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill"));
-        break;
-    case Kind::Create:
-        // No session can succeed on a host that refuses or fails TLS, so there the host calls
-        // the second step of the chain itself.
-        if (fault == Fault::Refused || fault == Fault::Untrusted)
-            sdk.tumipayTransfers(QStringLiteral("S1"), 5, QStringLiteral("Table 3"),
-                                 QStringLiteral("Bill"));
-        else
-            sdk.tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill"));
-        break;
-    case Kind::Cancel:
-        sdk.tumipayCancel(kCode);
-        break;
-    }
-}
-
-void TestFaultMatrix::scriptFault(Kind kind, Fault fault)
-{
-    CloudReply reply;
-    int times = 1;
-    switch (fault) {
-    case Fault::Refused:
-    case Fault::Untrusted:
-        return;
-    case Fault::ResetBefore:
-        reply.fault = CloudReply::Fault::ResetBeforeHeaders;
-        times = 4; // Qt sends the request three more times on a fresh connection
-        break;
-    case Fault::ResetMid:
-        reply.fault = CloudReply::Fault::ResetMidBody;
-        reply.body = kInvoice.repeated(64);
-        break;
-    case Fault::NotFound:
-        reply.status = 404;
-        reply.body = R"({"err":0})";
-        break;
-    case Fault::ServerError:
-        reply.status = 500;
-        reply.body = R"({"err":0})";
-        break;
-    case Fault::Garbage:
-        reply.body = kGarbage;
-        break;
-    case Fault::Empty:
-        break;
-    case Fault::NeverAnswer:
-        reply.fault = CloudReply::Fault::NeverAnswer;
-        break;
-    }
-    cloud->scriptReply(kinds()[kind].path, kinds()[kind].cm, reply, times);
-}
-
-bool TestFaultMatrix::openInvoice(Kelosdk& sdk, Fault fault)
+bool TestFaultMatrix::openInvoice(Kelosdk& sdk, bool noServer)
 {
     QSignalSpy qr(&sdk, SIGNAL(tumiQRInvoiceCode(QString)));
-    if (fault == Fault::Refused || fault == Fault::Untrusted) {
+    if (noServer) {
         // No server to open it with: the host hands the "create" reply to the SDK itself.
-        sdk.onTumipayQRInvoiceCode(QVariant(kInvoice));
+        sdk.onTumipayQRInvoiceCode(QVariant(kInvoiceReply));
         return qr.size() == 1;
     }
     cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("create"),
-                       CloudReply{200, kInvoice, {}, 0, CloudReply::Fault::None});
-    sdk.tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill"));
-    return qr.wait(20000);
+                       CloudReply{200, kInvoiceReply, {}, 0, CloudReply::Fault::None, false});
+    sdkKind("create").call(sdk);
+    return qr.wait(kWait);
 }
 
 void TestFaultMatrix::everyKindAgainstEveryFault_data()
 {
-    QTest::addColumn<Kind>("kind");
-    QTest::addColumn<Fault>("fault");
-    QTest::addColumn<QByteArray>("signal"); // the one signal that ends the request, or ""
-    QTest::addColumn<QVariantList>("args"); // networkError: code and a pattern of the text
-    QTest::addColumn<Again>("again");
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<int>("fault");          // in faults()
+    QTest::addColumn<QByteArray>("signal");  // the one signal that ends the request, or ""
+    QTest::addColumn<QVariantList>("args");  // its arguments
+    QTest::addColumn<QVariantList>("again"); // the refusal of the same request again; none: free
 
-    const auto row = [](Kind kind, Fault fault, const QByteArray& signal, const QVariantList& args,
-                        Again again) {
-        QTest::addRow("%s / %s", kinds()[kind].name, faultNames()[fault])
-            << kind << fault << signal << args << again;
-    };
-    // networkError carries Qt's code and text; the text of an HTTP status names the URL.
-    const auto exactly = [](const QString& text) {
-        return QRegularExpression::anchoredPattern(QRegularExpression::escape(text));
-    };
-    const auto httpStatus = [](const QString& reason) {
-        return QStringLiteral("^Error transferring https://127\\.0\\.0\\.1:\\d+/kelo/api/\\S+ - "
-                              "server replied: %1$")
-            .arg(reason);
-    };
-    const QList<QPair<Fault, QVariantList>> transport{
-        {Fault::Refused,
-         {int(QNetworkReply::ConnectionRefusedError), exactly("Connection refused")}},
-        {Fault::ResetBefore,
-         {int(QNetworkReply::RemoteHostClosedError), exactly("Connection closed")}},
-        {Fault::ResetMid,
-         {int(QNetworkReply::RemoteHostClosedError), exactly("Connection closed")}},
-        {Fault::NotFound, {int(QNetworkReply::ContentNotFoundError), httpStatus("Not Found")}},
-        {Fault::ServerError,
-         {int(QNetworkReply::InternalServerError), httpStatus("Internal Server Error")}},
-        {Fault::NeverAnswer, {kHostGaveUpCode, exactly(kHostGaveUpText)}},
-        {Fault::Untrusted,
-         {int(QNetworkReply::SslHandshakeFailedError), exactly("SSL handshake failed")}},
-    };
-
-    for (Kind kind : kinds().keys()) {
-        // A transport failure (or the host giving up) frees the kind, whatever it is.
-        for (const auto& t : transport)
-            row(kind, t.first, "networkError", t.second, Again::Free);
-
-        // A body that is not the expected JSON.
-        for (Fault fault : {Fault::Garbage, Fault::Empty}) {
-            const QString body = QString::fromLatin1(fault == Fault::Garbage ? kGarbage : "");
-            switch (kind) {
-            case Kind::Login:
-                // An unreadable reply reads as code -1 with no message.
-                row(kind, fault, "userLoginDone", {-1, QString()}, Again::Free);
-                break;
-            case Kind::Menu:
-                // Nothing to download; the menu is rebuilt with an empty item list.
-                row(kind, fault, "foodsRequestDone", {R"({"dt":{"items":[]}})"}, Again::Free);
-                break;
-            case Kind::Merge:
-                row(kind, fault, "tableMergeDone",
-                    {fault == Fault::Empty ? R"({"err":0,"msg":"table merge success!"})" : body},
-                    Again::Free);
-                break;
-            case Kind::Session:
-                // An unreadable session is a refused session: nothing said, the kind held.
-                row(kind, fault, "", {}, Again::Held);
-                break;
-            case Kind::Create:
-                // Unreadable: code -1, no message; the kind stays held as for an open invoice.
-                row(kind, fault, "keloappError", {-1, QString()}, Again::Held);
-                break;
-            case Kind::Cancel:
-                // Any answer ends the invoice: asking again names an unknown code.
-                row(kind, fault, "tumipayCancelDone", {body}, Again::Forgotten);
-                break;
-            default: // passed through as it came
-                row(kind, fault, kinds()[kind].doneSignal, {body}, Again::Free);
-            }
+    for (const SdkKind& kind : sdkKinds()) {
+        const QByteArray name = kind.name;
+        for (int index = 0; index < faults().size(); ++index) {
+            const Fault& fault = faults().at(index);
+            const auto row = [&](const QByteArray& signal, const QVariantList& args,
+                                 const QVariantList& again = {}) {
+                QTest::addRow("%s / %s", kind.name, fault.name.constData())
+                    << name << index << signal << args << again;
+            };
+            const QString body = QString::fromLatin1(fault.answer.body);
+            const QString url = cloud.baseUrl() + QString::fromLatin1(kind.path);
+            if (fault.code != 0) // a transport failure (or the host giving up) frees any kind
+                row("networkError",
+                    {fault.code, fault.text.contains("%1") ? fault.text.arg(url) : fault.text});
+            else if (name == "login") // unreadable: code -1, no message
+                row(kind.done, {-1, QString()});
+            else if (name == "menu") // nothing to fetch: an empty item list
+                row(kind.done, {R"({"dt":{"items":[]}})"});
+            else if (name == "merge" && body.isEmpty())
+                row(kind.done, {R"({"err":0,"msg":"table merge success!"})"});
+            else if (name == "get_session") // a refused session: nothing said, the kind held
+                row("", {}, kind.busy);
+            else if (name == "create") // unreadable: -1, no message; held as an open invoice
+                row("keloappError", {-1, QString()}, kind.busy);
+            else if (name == "cancel") // any answer ends the invoice
+                row(kind.done, {body},
+                    {105, "kelo cancel invoice code not existed (" + kInvoiceCode + ')'});
+            else // passed through as it came
+                row(kind.done, {body});
         }
     }
 }
 
 void TestFaultMatrix::everyKindAgainstEveryFault()
 {
-    QFETCH(Kind, kind);
-    QFETCH(Fault, fault);
+    QFETCH(QByteArray, kind);
+    QFETCH(int, fault);
     QFETCH(QByteArray, signal);
     QFETCH(QVariantList, args);
-    QFETCH(Again, again);
-    const KindInfo& info = kinds()[kind];
-    TestCloud& server = fault == Fault::Untrusted ? untrusted : cloud;
+    QFETCH(QVariantList, again);
+    const SdkKind& k = sdkKind(kind);
+    const Fault& f = faults().at(fault);
+    const bool noServer = f.name == kRefused || f.name == kUntrusted;
+    TestCloud& server = f.name == kUntrusted ? untrusted : cloud;
     cloud->clearScripts();
     cloud->clearExchanges();
     untrusted->clearExchanges();
 
-    std::unique_ptr<Kelosdk> sdk = sdkFor(fault);
-    if (kind == Kind::Cancel)
-        QVERIFY(openInvoice(*sdk, fault));
-    scriptFault(kind, fault);
-    SignalRecorder seen(sdk.get());
+    std::unique_ptr<Kelosdk> sdk = sdkFor(f);
+    if (k.cm == "cancel")
+        QVERIFY(openInvoice(*sdk, noServer));
+    if (!noServer)
+        cloud->scriptReply(k.path, k.cm, f.answer, f.times);
+    SignalRecorder seen(sdk.get(), {"cloudConnectionChange"});
 
-    issue(*sdk, kind, fault);
-    if (fault == Fault::NeverAnswer) {
-        QTRY_COMPARE_WITH_TIMEOUT(cloud->exchanges(info.path, info.cm).size(), 1, 10000);
-        sdk->onNetworkError(kHostGaveUpCode, kHostGaveUpText);
+    // No session can succeed where no server answers: there the host calls the chain's second
+    // step itself.
+    if (k.cm == "create" && noServer)
+        sdk->tumipayTransfers(QStringLiteral("S1"), 5, QStringLiteral("Table 3"),
+                              QStringLiteral("Bill"));
+    else
+        k.call(*sdk);
+    if (f.name == kNeverAnswer) {
+        QTRY_COMPARE_WITH_TIMEOUT(cloud->exchanges(k.path, k.cm).size(), 1, kWait);
+        sdk->onNetworkError(kHostGaveUpCode, f.text);
     } else if (signal.isEmpty()) {
         // Nothing reaches the host: wait for the reply to reach the request object instead.
         auto* request = sdk->findChild<HttpBase2*>();
         QVERIFY(request);
-        QSignalSpy replied(request, SIGNAL(done(QVariant)));
-        QVERIFY(replied.wait(10000));
-        QCoreApplication::processEvents();
+        QVERIFY(QSignalSpy(request, SIGNAL(done(QVariant))).wait(kWait));
     } else {
-        QTRY_VERIFY_WITH_TIMEOUT(!seen[signal].isEmpty(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!seen[signal].isEmpty(), kWait);
     }
 
     // Exactly the one terminal signal, nothing else.
     QCOMPARE(seen.fired(), signal.isEmpty() ? QStringList() : QStringList{signal + " x1"});
-    if (signal == "networkError") {
-        const QVariantList got = seen[signal].constFirst();
-        QCOMPARE(got.at(0).toInt(), args.at(0).toInt());
-        QVERIFY2(QRegularExpression(args.at(1).toString()).match(got.at(1).toString()).hasMatch(),
-                 qPrintable(got.at(1).toString()));
-    } else if (!signal.isEmpty()) {
+    if (!signal.isEmpty())
         QCOMPARE(seen[signal].constFirst(), args);
-    }
-    if (fault == Fault::Untrusted)
+    if (f.name == kUntrusted) // not a byte of a request, nor the notification channel's
         QCOMPARE(untrusted->exchanges().size(), 0);
 
-    // The same request again: free sends it, held refuses it with the busy code.
+    // The same request again (for "create" the whole chain, which is what its kind guards).
     cloud->clearScripts();
-    const QByteArray probeCm = kind == Kind::Create ? "get_session" : info.cm.toLatin1();
-    const int sentBefore = server->exchanges(info.path, QString::fromLatin1(probeCm)).size();
-    const int errorsBefore = seen["networkError"].size();
-    if (kind == Kind::Create) // the whole chain, which is what bit 2 guards
-        sdk->tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill"));
-    else
-        issue(*sdk, kind, fault);
-    switch (again) {
-    case Again::Free:
-        QCOMPARE(seen["keloappError"].size(), signal == "keloappError" ? 1 : 0);
-        QTRY_VERIFY_WITH_TIMEOUT(server->exchanges(info.path, QString::fromLatin1(probeCm)).size() >
-                                         sentBefore ||
-                                     seen["networkError"].size() > errorsBefore,
-                                 10000);
-        break;
-    case Again::Held:
-    case Again::Forgotten: {
-        const QVariantList refusal =
-            again == Again::Held
-                ? QVariantList{info.busyCode, QString::fromLatin1(info.busyText)}
-                : QVariantList{
-                      105, QStringLiteral("kelo cancel invoice code not existed (%1)").arg(kCode)};
-        QCOMPARE(seen["keloappError"].size(), signal == "keloappError" ? 2 : 1);
-        QCOMPARE(seen["keloappError"].constLast(), refusal);
-        QCOMPARE(server->exchanges(info.path, QString::fromLatin1(probeCm)).size(), sentBefore);
-        break;
+    const QString probe = k.cm == "create" ? QStringLiteral("get_session") : k.cm;
+    const int sentBefore = server->exchanges(k.path, probe).size();
+    const int refusalsBefore = seen["keloappError"].size();
+    k.call(*sdk);
+    if (!again.isEmpty()) {
+        QCOMPARE(seen["keloappError"].size(), refusalsBefore + 1);
+        QCOMPARE(seen["keloappError"].constLast(), again);
+        QCOMPARE(server->exchanges(k.path, probe).size(), sentBefore);
+        return;
     }
-    }
+    // Free: it goes out and is waited for to its end. A chain left running would reach the
+    // server after the next row has scripted its fault, and take that fault for itself.
+    const QByteArray end = k.done.isEmpty() || k.cm == "create" ? "tumiQRInvoiceCode" : k.done;
+    const int endsBefore = seen[end].size() + seen["networkError"].size();
+    QTRY_VERIFY_WITH_TIMEOUT(seen[end].size() + seen["networkError"].size() > endsBefore, kWait);
+    QCOMPARE(seen["keloappError"].size(), refusalsBefore);
+    QVERIFY(noServer || server->exchanges(k.path, probe).size() > sentBefore);
 }
 
 QTEST_GUILESS_MAIN(TestFaultMatrix)
