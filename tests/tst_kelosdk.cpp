@@ -1,10 +1,10 @@
 // The SDK object itself: its device and notification channel, each request kind's wire form and
 // busy guard, logging, lifetime. Login and payment flows: tst_kelosdk_login and _payment;
 // transport faults: tst_faultmatrix.
+#include "kelosdkfixture.h"
 #include "logcapture.h"
 #include "sdkkinds.h"
 #include "signalrecorder.h"
-#include "tst_kelosdk_fixture.h"
 
 #include <QRegularExpression>
 

@@ -1,7 +1,7 @@
 // The user session of the SDK object: login, logout and the stored user.
+#include "kelosdkfixture.h"
 #include "sdkkinds.h"
 #include "signalrecorder.h"
-#include "tst_kelosdk_fixture.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // The e-wallet invoice chain, invoice cancel and the server's notices through the SDK object
 // (the table's payment: tst_kelosdk; transport faults: tst_faultmatrix).
 #include "httpbase2.h"
+#include "kelosdkfixture.h"
 #include "sdkkinds.h"
 #include "signalrecorder.h"
-#include "tst_kelosdk_fixture.h"
 
 #include <QRegularExpression>
 

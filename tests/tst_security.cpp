@@ -1,10 +1,10 @@
 // What the SDK must never do: talk to a server it cannot verify, or write a password or the
 // signing key into the log. Every request kind against an untrusted HTTPS server is a column of
 // tst_faultmatrix; here the notification socket on a server of its own.
+#include "kelosdkfixture.h"
 #include "libcmn.h"
 #include "logcapture.h"
 #include "signalrecorder.h"
-#include "tst_kelosdk_fixture.h"
 #include "wsclient.h"
 
 #include <QUuid>

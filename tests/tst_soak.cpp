@@ -1,7 +1,7 @@
 // Long outages: the server going down and coming back under a live notification channel, and a
 // picture server that drops a third of its downloads. Seeded, so every run is the same run.
+#include "kelosdkfixture.h"
 #include "signalrecorder.h"
-#include "tst_kelosdk_fixture.h"
 
 #include <QFile>
 #include <QRandomGenerator>
