@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # The whole test suite, as CI runs it. Installs dependencies, then runs stages in order and stops
 # at the first that fails:
-#   native     build into _build/tests (warnings are errors) and run ctest        (default)
-#   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds  (default)
+#   native     build into _build/tests (warnings are errors) and run ctest
+#   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
-#   armhf      the suite cross-built for 32-bit ARM and run under qemu-arm
-# Usage: run-tests.sh [--quick | stage ...]   (no argument: native and fuzz; --quick: native)
+#   armhf      the suite cross-built for 32-bit ARM (Release) and run under qemu-arm
+# Usage: run-tests.sh [--quick | stage ...]   (no argument: all four; --quick: native)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(native fuzz)
+stages=(native fuzz sanitize armhf)
 if [ "${1:-}" = "--quick" ]; then
     stages=(native)
 elif [ $# -gt 0 ]; then
