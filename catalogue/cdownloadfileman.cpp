@@ -1,5 +1,6 @@
 #include "cdownloadfileman.h"
 
+#include "kelolimits_p.h"
 #include "libcmn.h"
 
 #include <QDateTime>
@@ -366,6 +367,20 @@ void CDownloadFileMan::DownloadDone()
     if (debug)
         qDebug("Download complete");
     emit NotifyComplete(Libcmn::updateDataFoods(data, *this));
+}
+
+// Kept as a property, so that the class keeps the size and layout of 1.0.
+static constexpr char MaxFileSizeProperty[] = "_kelo_maxFileBytes";
+
+void CDownloadFileMan::setMaxFileSize(qint64 bytes)
+{
+    setProperty(MaxFileSizeProperty, bytes > 0 ? bytes : qint64(0));
+}
+
+qint64 CDownloadFileMan::maxFileSize() const
+{
+    const QVariant set = property(MaxFileSizeProperty);
+    return set.isValid() ? set.toLongLong() : kelo_limits::DefaultMaxPictureBytes;
 }
 
 tagDownFileInfo* CDownloadFileMan::currentRecord()

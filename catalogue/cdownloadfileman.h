@@ -60,6 +60,11 @@ public:
     void DeleteOldFiles();
     /// Ends the current entry (stamp, bookkeeping) and moves to the next.
     void DownloadOneFileFinish();
+    /// Caps each picture: a longer one is given up like a failed download. 0 or less removes
+    /// the cap; the default is 8 MiB.
+    void setMaxFileSize(qint64 bytes);
+    /// The cap on each picture; 0 means none.
+    qint64 maxFileSize() const;
 
 Q_SIGNALS:
     /// Queued step to the next entry.

@@ -50,6 +50,16 @@ void HttpBase::cancel()
     Request::cancel(*this);
 }
 
+void HttpBase::setMaxReplySize(qint64 bytes)
+{
+    Request::setMaxReplySize(*this, bytes);
+}
+
+qint64 HttpBase::maxReplySize() const
+{
+    return Request::maxReplySize(*this);
+}
+
 QNetworkRequest HttpBase::createRequest(CONTENT_TYPE type, HTTP_PROCESS process)
 {
     return Request::createRequest(*this, type, process);

@@ -50,6 +50,16 @@ void HttpBase2::cancel()
     Request::cancel(*this);
 }
 
+void HttpBase2::setMaxReplySize(qint64 bytes)
+{
+    Request::setMaxReplySize(*this, bytes);
+}
+
+qint64 HttpBase2::maxReplySize() const
+{
+    return Request::maxReplySize(*this);
+}
+
 QNetworkRequest HttpBase2::createRequest(CONTENT_TYPE type, HTTP_PROCESS process)
 {
     return Request::createRequest(*this, type, process);

@@ -47,6 +47,12 @@ public:
     void setParameter(const HttpParams& params);
     /// Aborts the request in flight (it then ends in error(5, ...)); no-op before process().
     void cancel();
+    /// Caps the answer's body: a longer answer is aborted and ends in error(299, ...), never in
+    /// done(). 0 or less removes the cap; the default is 8 MiB. Applies to process() calls
+    /// made afterwards.
+    void setMaxReplySize(qint64 bytes);
+    /// The cap on the answer's body; 0 means none.
+    qint64 maxReplySize() const;
 
     /// Builds the network request (credentials, GET query, User-Agent, Content-Type).
     QNetworkRequest createRequest(CONTENT_TYPE type, HTTP_PROCESS process);

@@ -9,6 +9,7 @@
 // The one behavioural difference, what happens to a finished reply, is a parameter.
 
 #include "httpbase.h"
+#include "kelolimits_p.h"
 
 #include <QDebug>
 #include <QIODevice>
@@ -139,6 +140,21 @@ template <class Owner> struct HttpRequest
         }
         if (disposal == FinishedReply::DeleteLater && alive)
             reply->deleteLater();
+    }
+
+    // The cap is kept as a property of the object, so that the public classes keep the size and
+    // layout of 1.0.
+    static constexpr char MaxReplyProperty[] = "_kelo_maxReplyBytes";
+
+    static void setMaxReplySize(Owner& owner, qint64 bytes)
+    {
+        owner.setProperty(MaxReplyProperty, bytes > 0 ? bytes : qint64(0));
+    }
+
+    static qint64 maxReplySize(const Owner& owner)
+    {
+        const QVariant set = owner.property(MaxReplyProperty);
+        return set.isValid() ? set.toLongLong() : kelo_limits::DefaultMaxReplyBytes;
     }
 
     static void cancel(Owner& owner)

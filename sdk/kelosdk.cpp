@@ -4,6 +4,7 @@
 #include "httpbase.h"
 #include "httpbase2.h"
 #include "kelo_config.h"
+#include "kelosdk_p.h"
 #include "libcmn.h"
 #include "wsclient.h"
 
@@ -36,7 +37,8 @@ QString number(qint64 value)
 } // namespace
 
 Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool debug)
-    : QObject(nullptr), busyFlags(0), debugLog(debug), httpDebug(false), currentUserId(-1)
+    : QObject(nullptr), busyFlags(0), debugLog(debug), httpDebug(false), currentUserId(-1),
+      d(new KelosdkPrivate)
 {
     if (debugLog)
         qDebug() << "KELOSDK>> Welcome to KeloSDK! merchant-id:" << merchantId
@@ -58,13 +60,52 @@ Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool deb
     const QUrl commonApiUrl(QStringLiteral("%1/kelo/api/common").arg(httpsBase));
     auto* client =
         new WSClient(notificationUrl, commonApiUrl, this->merchantId, clientUuid, false, nullptr);
+    d->client = client;
     connect(client, SIGNAL(textMessageReceived(QString)), this, SLOT(wssNotify(QString)));
     connect(client, &WSClient::connected, this, [this] { emit cloudConnectionChange(true); });
     connect(client, &WSClient::closed, this, [this] { emit cloudConnectionChange(false); });
     client->start();
 }
 
-Kelosdk::~Kelosdk() = default;
+Kelosdk::~Kelosdk()
+{
+    delete d;
+}
+
+// ---- limits ----------------------------------------------------------------------------------
+
+void Kelosdk::setMaxReplySize(qint64 bytes)
+{
+    d->maxReplyBytes = bytes;
+}
+
+qint64 Kelosdk::maxReplySize() const
+{
+    return d->maxReplyBytes;
+}
+
+void Kelosdk::setMaxPictureSize(qint64 bytes)
+{
+    d->maxPictureBytes = bytes;
+}
+
+qint64 Kelosdk::maxPictureSize() const
+{
+    return d->maxPictureBytes;
+}
+
+void Kelosdk::setMaxNotificationSize(qint64 bytes)
+{
+    d->maxNotificationBytes = bytes;
+    // The client outlives this object but never the other way round while this object lives.
+    if (d->client)
+        d->client->setMaxMessageSize(bytes);
+}
+
+qint64 Kelosdk::maxNotificationSize() const
+{
+    return d->maxNotificationBytes;
+}
 
 // ---- shared plumbing -------------------------------------------------------------------------
 
@@ -119,6 +160,7 @@ void Kelosdk::sendGet(quint32 bit, const char* path, const QString& cm, const QS
                       const std::function<void(const QString&)>& onReply)
 {
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
+    request->setMaxReplySize(d->maxReplyBytes);
     connect(request, &HttpBase::done, this, [this, request, bit, onReply](const QVariant& data) {
         release(bit);
         onReply(data.toString());
@@ -203,6 +245,7 @@ void Kelosdk::foodsRequest()
     if (!claim(BusyMenu, 102, QStringLiteral("kelo process food busy!")))
         return;
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
+    request->setMaxReplySize(d->maxReplyBytes);
     connect(request, SIGNAL(done(QVariant)), this, SLOT(onFoodsReadyDownload(QVariant)),
             Qt::UniqueConnection);
     connect(request, SIGNAL(done(QVariant)), request, SLOT(deleteLater()));
@@ -215,6 +258,7 @@ void Kelosdk::onFoodsReadyDownload(const QVariant& data)
 {
     log(QStringLiteral("KELOSDK>> Foods data content dowloading ..."));
     auto* manager = new CDownloadFileMan(debugLog, nullptr);
+    manager->setMaxFileSize(d->maxPictureBytes);
     connect(manager, &CDownloadFileMan::NotifyComplete, this, [this, manager](const QString& text) {
         log(QStringLiteral("KELOSDK>> Food request done!"));
         release(BusyMenu);
@@ -322,11 +366,12 @@ HttpBase2* Kelosdk::newTransferRequest()
 {
     auto* request =
         new HttpBase2(QUrl(QStringLiteral("%1/kelo/api/invoice/").arg(httpsBase)), this, false);
-    transferRequest = request;
+    request->setMaxReplySize(d->maxReplyBytes);
+    d->transferRequest = request;
     // The object is released by deleteLater() from its handlers; never reuse a stale pointer.
     connect(request, &QObject::destroyed, this, [this, request] {
-        if (transferRequest == request)
-            transferRequest = nullptr;
+        if (d->transferRequest == request)
+            d->transferRequest = nullptr;
     });
     // A transport error on the session or on the "create" that reuses this object.
     connect(request, &HttpBase2::error, this,
@@ -366,9 +411,9 @@ void Kelosdk::tumipayTransfers(const QString& sesId, long money, const QString& 
 {
     // Called by a host directly, without a session request before it: make the object the
     // session request would have made, so that the call cannot touch a missing one.
-    if (!transferRequest)
+    if (!d->transferRequest)
         newTransferRequest();
-    HttpBase2* request = transferRequest;
+    HttpBase2* request = d->transferRequest;
     request->setProperty(CreateSent, true);
     connect(request, SIGNAL(done(QVariant)), this, SLOT(onTumipayQRInvoiceCode(QVariant)),
             Qt::UniqueConnection);

@@ -11,6 +11,7 @@
 
 class HttpBase;
 class HttpBase2;
+class KelosdkPrivate;
 
 /**
  * @brief The SDK object: one per merchant terminal.
@@ -41,6 +42,26 @@ public:
     /// @p debug enables the "KELOSDK>> " log lines.
     Kelosdk(const QString& merchantId, const QString& machineName, bool debug);
     ~Kelosdk() override;
+
+    /**
+     * @name Limits
+     * Caps that protect the terminal from a misbehaving network or server. Each takes a size in
+     * bytes; 0 or less removes the cap. They govern requests made after the call.
+     * @{
+     */
+    /// An API answer longer than this is aborted and ends in networkError(299, ...).
+    /// The default is 8 MiB.
+    void setMaxReplySize(qint64 bytes);
+    qint64 maxReplySize() const;
+    /// A dish picture longer than this is given up and shown with the placeholder.
+    /// The default is 8 MiB.
+    void setMaxPictureSize(qint64 bytes);
+    qint64 maxPictureSize() const;
+    /// A notification (message or frame) longer than this is never handed on: the channel
+    /// closes and reconnects by itself. The default is 1 MiB.
+    void setMaxNotificationSize(qint64 bytes);
+    qint64 maxNotificationSize() const;
+    /** @} */
 
 Q_SIGNALS:
     /// The notification channel connected (true) or is down (false; repeated every 3 s).
@@ -128,7 +149,10 @@ private:
     QString invoiceCode;
     QString currentUserName;
     qint32 currentUserId = -1;
-    HttpBase2* transferRequest = nullptr;
+    // Everything else the object keeps (requests in flight, limits, the notification client).
+    // One pointer where 1.0 kept the invoice request: the class keeps its size and layout, so
+    // hosts built against 1.0 keep working.
+    KelosdkPrivate* d = nullptr;
 
     // Busy guard: false (after keloappError(code, text)) if @p bit is taken, else takes it.
     bool claim(quint32 bit, int code, const QString& text);
@@ -143,6 +167,6 @@ private:
     // The common error handler of a flow, clearing @p bit.
     void wireError(HttpBase* request, quint32 bit);
     void requestFailed(QObject* request, quint32 bit, int code, const QString& message);
-    // The e-wallet chain's request object (kept in transferRequest) with its error handler.
+    // The e-wallet chain's request object (kept in d->transferRequest) with its error handler.
     HttpBase2* newTransferRequest();
 };

@@ -1,6 +1,7 @@
 #include "wsclient.h"
 
 #include "httpbase.h"
+#include "kelolimits_p.h"
 #include "libcmn.h"
 
 #include <QCoreApplication>
@@ -181,6 +182,19 @@ void WSClient::openConnection(const QString& sessionId)
 void WSClient::onPong(quint64, const QByteArray&)
 {
     missedPongs = 0;
+}
+
+void WSClient::setMaxMessageSize(qint64 bytes)
+{
+    const quint64 cap = bytes > 0 ? quint64(bytes) : QWebSocket::maxIncomingMessageSize();
+    webSocket.setMaxAllowedIncomingMessageSize(cap);
+    webSocket.setMaxAllowedIncomingFrameSize(qMin(cap, QWebSocket::maxIncomingFrameSize()));
+}
+
+qint64 WSClient::maxMessageSize() const
+{
+    const quint64 cap = webSocket.maxAllowedIncomingMessageSize();
+    return cap >= QWebSocket::maxIncomingMessageSize() ? 0 : qint64(cap);
 }
 
 void WSClient::onConnected()

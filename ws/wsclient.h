@@ -46,6 +46,12 @@ public:
     void openConnection(const QString& sessionId);
     /// A pong arrived: the missed-pong count returns to 0.
     void onPong(quint64 elapsedTime, const QByteArray& payload);
+    /// Caps an incoming message and each of its frames: a longer one closes the socket and is
+    /// never forwarded; the watchdog then reconnects. 0 or less removes the cap (Qt's own
+    /// maximum applies); the default is 1 MiB.
+    void setMaxMessageSize(qint64 bytes);
+    /// The cap on an incoming message; 0 means none.
+    qint64 maxMessageSize() const;
 
 Q_SIGNALS:
     void connected();
