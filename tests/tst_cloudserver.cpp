@@ -65,6 +65,8 @@ private Q_SLOTS:
     void faults_data();
     void faults();
     void faultsNeverLockTheControlOut();
+    void chunkedAndStreamedBodies_data();
+    void chunkedAndStreamedBodies();
     void socketRoutes();
     void downForSecondsThenBackOnSamePort();
     void caIsKeptAcrossRuns();
@@ -308,6 +310,43 @@ void TestCloudServer::faults()
     if (form.contains("ms=")) // a delayed answer may come late, never early
         QVERIFY(clock.elapsed() >= 600);
     QCOMPARE(get(kItems).body, normal.body); // used up
+}
+
+void TestCloudServer::chunkedAndStreamedBodies_data()
+{
+    QTest::addColumn<bool>("chunked");
+    QTest::addColumn<qint64>("streamBytes");
+    QTest::addColumn<QByteArray>("lengthHeader"); // what the answer declares
+    QTest::addColumn<int>("size");
+    QTest::newRow("whole, chunked") << true << qint64(0) << QByteArray() << 13;
+    QTest::newRow("streamed with length")
+        << false << qint64(200000) << QByteArray("200000") << 200000;
+    QTest::newRow("streamed, chunked") << true << qint64(200000) << QByteArray() << 200000;
+}
+
+void TestCloudServer::chunkedAndStreamedBodies()
+{
+    QFETCH(bool, chunked);
+    QFETCH(qint64, streamBytes);
+    QFETCH(QByteArray, lengthHeader);
+    QFETCH(int, size);
+    kelocloud::CloudReply scripted;
+    scripted.body = "{\"err\":0,\"x\":1}";
+    scripted.body.truncate(13);
+    scripted.chunked = chunked;
+    scripted.streamBytes = streamBytes;
+    cloud->scriptReply("/kelo/api/item/", QString(), scripted);
+    QNetworkReply* reply = nam->get(QNetworkRequest(cloud.url(kItems)));
+    QSignalSpy finished(reply, &QNetworkReply::finished);
+    QVERIFY(finished.wait(15000));
+    QCOMPARE(reply->error(), QNetworkReply::NoError);
+    QCOMPARE(reply->rawHeader("Content-Length"), lengthHeader);
+    QCOMPARE(reply->rawHeader("Transfer-Encoding"), chunked ? QByteArray("chunked") : QByteArray());
+    const QByteArray body = reply->readAll();
+    QCOMPARE(body.size(), size);
+    if (streamBytes > 0)
+        QCOMPARE(body.count('k'), size);
+    reply->deleteLater();
 }
 
 void TestCloudServer::faultsNeverLockTheControlOut()

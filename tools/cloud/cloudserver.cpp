@@ -481,7 +481,10 @@ private:
             writeHalf();
             return;
         case CloudReply::Fault::None:
-            writeWhole();
+            if (reply.streamBytes > 0)
+                writeStreamed();
+            else
+                writeWhole();
             return;
         }
     }
@@ -499,6 +502,62 @@ private:
         response.body().assign(reply.body.constData(), std::size_t(reply.body.size()));
         response.keep_alive(request.keep_alive());
         response.prepare_payload();
+        if (reply.chunked)
+            response.chunked(true);
+    }
+
+    /// The headers, then reply.streamBytes bytes made piece by piece (chunked if asked), then
+    /// the connection is closed.
+    void writeStreamed()
+    {
+        streamHeader = {};
+        streamHeader.version(request.version());
+        streamHeader.result(unsigned(reply.status));
+        streamHeader.set(http::field::server, "kelo-cloud");
+        streamHeader.set(http::field::content_type, "application/octet-stream");
+        for (const auto& h : reply.headers)
+            streamHeader.set(
+                beast::string_view(h.first.constData(), std::size_t(h.first.size())),
+                beast::string_view(h.second.constData(), std::size_t(h.second.size())));
+        streamHeader.keep_alive(false);
+        if (reply.chunked)
+            streamHeader.chunked(true);
+        else
+            streamHeader.content_length(std::uint64_t(reply.streamBytes));
+        streamSerializer.emplace(streamHeader);
+        streamLeft = reply.streamBytes;
+        streamPiece.assign(64 * 1024, 'k');
+        http::async_write_header(stream, *streamSerializer,
+                                 [self = shared_from_this()](error_code ec, std::size_t) {
+                                     if (ec)
+                                         return self->abort();
+                                     self->writeStreamPiece();
+                                 });
+    }
+
+    void writeStreamPiece()
+    {
+        auto next = [self = shared_from_this()](error_code ec, std::size_t) {
+            if (ec)
+                return self->abort();
+            self->writeStreamPiece();
+        };
+        if (streamLeft <= 0) {
+            if (reply.chunked && !streamEnded) {
+                streamEnded = true;
+                net::async_write(stream, http::make_chunk_last(), std::move(next));
+                return;
+            }
+            shutdown();
+            return;
+        }
+        const std::size_t n = std::size_t(std::min<qint64>(streamLeft, qint64(streamPiece.size())));
+        streamLeft -= qint64(n);
+        if (reply.chunked)
+            net::async_write(stream, http::make_chunk(net::buffer(streamPiece.data(), n)),
+                             std::move(next));
+        else
+            net::async_write(stream, net::buffer(streamPiece.data(), n), std::move(next));
     }
 
     void writeWhole()
@@ -570,6 +629,11 @@ private:
     CloudReply reply;
     Response response;
     std::optional<http::response_serializer<http::string_body>> serializer;
+    http::response<http::empty_body> streamHeader;
+    std::optional<http::response_serializer<http::empty_body>> streamSerializer;
+    std::string streamPiece;
+    qint64 streamLeft = 0;
+    bool streamEnded = false;
     char scratch[512];
     bool upgraded = false;
     std::function<void()> afterSent; ///< of a control answer, once it is sent

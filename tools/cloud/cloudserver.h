@@ -55,6 +55,12 @@ struct CloudReply
     /// true: give the normal answer (or WebSocket upgrade), only delayMs later; status, body,
     /// headers and fault are then ignored
     bool normalAnswer = false;
+    /// true: send the body with chunked transfer encoding (no Content-Length)
+    bool chunked = false;
+    /// more than 0: instead of body, send this many bytes ('k' repeated), made as they are
+    /// written (64 KiB at a time), so that a huge answer costs the server no memory; with
+    /// Content-Length unless chunked. The server stops when the client goes away.
+    qint64 streamBytes = 0;
 };
 
 /// Path prefix of the simulator's control requests: they are never handed to the merchant and
