@@ -454,7 +454,8 @@ void TestCloudServer::keyOfTheOptionsOrTheEnvironment()
         return started ? server.state().secretKey() : QByteArray("not started");
     };
     qunsetenv("KELO_CLOUD_KEY");
-    QCOMPARE(keyOf({}), QByteArray(KELO_TEST_DEVELOPMENT_KEY));
+    // Compared without printing: a wrong key here may be this build's.
+    QVERIFY(keyOf({}) == KELO_TEST_DEVELOPMENT_KEY);
     QCOMPARE(keyOf(option), option);
     qputenv("KELO_CLOUD_KEY", variable);
     QCOMPARE(keyOf({}), variable);
@@ -471,7 +472,7 @@ void TestCloudServer::keyOfTheOptionsOrTheEnvironment()
 
     kelocloud::CloudState state;
     QVERIFY(!state.setSecretKey("short"));
-    QCOMPARE(state.secretKey(), QByteArray(KELO_TEST_DEVELOPMENT_KEY));
+    QVERIFY(state.secretKey() == KELO_TEST_DEVELOPMENT_KEY);
 }
 
 QTEST_GUILESS_MAIN(TestCloudServer)
