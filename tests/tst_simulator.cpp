@@ -24,6 +24,7 @@ private Q_SLOTS:
     void keyFromOptionOrEnvironment();
     void badKeyStopsTheTool_data();
     void badKeyStopsTheTool();
+    void helpNamesTheKeySettings();
 
 private:
     /// Starts kelo-cloud with @p arguments, its CA (and XDG data) in the test's directory, and
@@ -220,6 +221,16 @@ void TestSimulator::badKeyStopsTheTool()
     QProcess tool;
     start(tool, QStringList{"--port", "0"} + arguments, variable);
     QCOMPARE(outcome(tool), "2||kelo-cloud: " + error + '\n');
+}
+
+void TestSimulator::helpNamesTheKeySettings()
+{
+    QProcess tool;
+    start(tool, {"--help"});
+    const QString help = outcome(tool);
+    QVERIFY2(help.startsWith("0|") && help.contains("--key <KEY>") &&
+                 help.contains("KELO_CLOUD_KEY=<key> kelo-cloud"),
+             qPrintable(help));
 }
 
 QTEST_GUILESS_MAIN(TestSimulator)
