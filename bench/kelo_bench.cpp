@@ -601,7 +601,9 @@ int main(int argc, char** argv)
         return callgrindMode(option("--callgrind"));
 
     QList<Row> rows;
-    kelocloud::CloudServer cloud;
+    kelocloud::CloudOptions cloudOptions;
+    cloudOptions.secretKey = Libcmn::keloSecretkey().toLatin1(); // the simulator holds no build key
+    kelocloud::CloudServer cloud(cloudOptions);
     QString error;
     if (!cloud.start(&error)) {
         std::fprintf(stderr, "local cloud did not start: %s\n", qPrintable(error));

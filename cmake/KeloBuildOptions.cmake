@@ -2,7 +2,10 @@
 
 # The signing key agreed with the server operator. The default is a development key that only the
 # bundled cloud simulator knows; production builds pass their own with -DKELO_SECRET_KEY=...
-set(KELO_SECRET_KEY "kLoDev7Qm2Xa9Rt4Vb8Nc3Zp6Wy1Hs5J" CACHE STRING
+# The simulator is never built with KELO_SECRET_KEY: it takes its key at run time and knows only
+# the development key by itself.
+set(KELO_DEVELOPMENT_KEY "kLoDev7Qm2Xa9Rt4Vb8Nc3Zp6Wy1Hs5J")
+set(KELO_SECRET_KEY "${KELO_DEVELOPMENT_KEY}" CACHE STRING
     "32-character request signing key (ASCII letters and digits)")
 if(NOT KELO_SECRET_KEY MATCHES "^[A-Za-z0-9]+$")
     message(FATAL_ERROR "KELO_SECRET_KEY may hold ASCII letters and digits only")

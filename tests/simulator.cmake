@@ -5,5 +5,6 @@
 if(TARGET kelo-cloud AND NOT CMAKE_CROSSCOMPILING)
     kelo_add_test(simulator TIMEOUT 90)
     add_dependencies(tst_simulator kelo-cloud)
-    target_compile_definitions(tst_simulator PRIVATE KELO_CLOUD_TOOL_COMMAND="$<TARGET_FILE:kelo-cloud>")
+    target_compile_definitions(tst_simulator PRIVATE KELO_CLOUD_TOOL_COMMAND="$<TARGET_FILE:kelo-cloud>"
+        KELO_TEST_DEVELOPMENT_KEY="${KELO_DEVELOPMENT_KEY}")
 endif()

@@ -70,6 +70,7 @@ private Q_SLOTS:
     void socketRoutes();
     void downForSecondsThenBackOnSamePort();
     void caIsKeptAcrossRuns();
+    void keyOfTheOptionsOrTheEnvironment();
 
 private:
     ReplyOutcome get(const QString& target, int transferTimeout = 0)
@@ -433,6 +434,45 @@ void TestCloudServer::caIsKeptAcrossRuns()
     QCOMPARE(QFile(dir.filePath("ca.key")).permissions(),
              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
                  QFileDevice::WriteUser);
+}
+
+void TestCloudServer::keyOfTheOptionsOrTheEnvironment()
+{
+    // The library holds no build key: the in-process cloud takes it from its options, else from
+    // KELO_CLOUD_KEY, else it signs with the development key.
+    const QByteArray option = QByteArray("opt").leftJustified(32, '1'),
+                     variable = QByteArray("env").leftJustified(32, '2');
+    struct Unset
+    {
+        ~Unset() { qunsetenv("KELO_CLOUD_KEY"); }
+    } unset;
+    const auto keyOf = [](const QByteArray& optionKey, QString* error = nullptr) {
+        kelocloud::CloudOptions options;
+        options.secretKey = optionKey;
+        kelocloud::CloudServer server(options);
+        const bool started = server.start(error);
+        return started ? server.state().secretKey() : QByteArray("not started");
+    };
+    qunsetenv("KELO_CLOUD_KEY");
+    // Compared without printing: a wrong key here may be this build's.
+    QVERIFY(keyOf({}) == KELO_TEST_DEVELOPMENT_KEY);
+    QCOMPARE(keyOf(option), option);
+    qputenv("KELO_CLOUD_KEY", variable);
+    QCOMPARE(keyOf({}), variable);
+    QCOMPARE(keyOf(option), option);
+
+    QString error;
+    qputenv("KELO_CLOUD_KEY", variable + '3');
+    QCOMPARE(keyOf({}, &error), QByteArray("not started"));
+    QCOMPARE(error, QStringLiteral("KELO_CLOUD_KEY: the signing key must be 32 ASCII letters or "
+                                   "digits (got 33 characters)"));
+    QCOMPARE(keyOf(QByteArray(option).replace(31, 1, "+"), &error), QByteArray("not started"));
+    QCOMPARE(error, QStringLiteral("CloudOptions::secretKey: the signing key must be 32 ASCII "
+                                   "letters or digits (character 32 is neither)"));
+
+    kelocloud::CloudState state;
+    QVERIFY(!state.setSecretKey("short"));
+    QVERIFY(state.secretKey() == KELO_TEST_DEVELOPMENT_KEY);
 }
 
 QTEST_GUILESS_MAIN(TestCloudServer)

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Starts kelo-cloud on a free loopback port, runs kelo-demo against it, stops the simulator and
 # exits with the demo's status. Usage: demo-day.sh <kelo-cloud> <kelo-demo> [demo options...]
+# A library built with its own KELO_SECRET_KEY needs KELO_CLOUD_KEY set to that key: kelo-cloud
+# holds no build's key and signs with the development key otherwise.
 set -uo pipefail
 cloud=$1; demo=$2; shift 2
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the built library into a scratch prefix, builds a host project against it with
 # find_package(Kelo) and with pkg-config, and runs the host against a kelo-cloud on loopback.
+# kelo-cloud takes the build's signing key from KELO_CLOUD_KEY (set by the test).
 set -euo pipefail
 build_dir=$1; source_dir=$2; cloud=$3
 work=$(mktemp -d); trap 'kill $cloud_pid 2>/dev/null || true; rm -rf "$work"' EXIT

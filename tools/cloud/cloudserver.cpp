@@ -188,7 +188,7 @@ struct ServedFile
 class Engine
 {
 public:
-    explicit Engine(const CloudOptions& options) : options(options) {}
+    explicit Engine(const CloudOptions& options);
 
     bool start(QString* error);
     void stop();
@@ -218,6 +218,7 @@ public:
 
     CloudOptions options;
     CloudState state;
+    QString keyError; ///< why the key of the options or the environment was refused
     std::unique_ptr<QTemporaryDir> tempDir;
     DevCa ca;
 
@@ -653,11 +654,26 @@ template <class F> auto Engine::call(F f) -> decltype(f())
     return result.get();
 }
 
+Engine::Engine(const CloudOptions& options) : options(options)
+{
+    const bool fromOptions = !options.secretKey.isEmpty();
+    const QByteArray key = fromOptions ? options.secretKey : qgetenv("KELO_CLOUD_KEY");
+    if (!key.isEmpty() && !state.setSecretKey(key))
+        keyError =
+            QStringLiteral("%1: %2").arg(fromOptions ? QStringLiteral("CloudOptions::secretKey")
+                                                     : QStringLiteral("KELO_CLOUD_KEY"),
+                                         CloudState::keyProblem(key));
+}
+
 bool Engine::start(QString* error)
 {
     std::lock_guard<std::mutex> lock(lifecycle);
     if (io)
         return true;
+    if (!keyError.isEmpty()) {
+        *error = keyError;
+        return false;
+    }
     QString dir = options.caDir;
     if (dir.isEmpty()) {
         if (!tempDir)

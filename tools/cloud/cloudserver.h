@@ -92,6 +92,9 @@ struct CloudOptions
     quint16 port = 0;    ///< 0: a port chosen by the OS
     QString caDir;       ///< where ca.pem and ca.key are written (or reused); empty: a temp dir
     bool reuseCa = true; ///< reuse ca.pem/ca.key found in caDir instead of making new ones
+    /// The signing key (32 ASCII letters or digits); empty: the environment variable
+    /// KELO_CLOUD_KEY if set, else the development key. A bad key makes start() fail.
+    QByteArray secretKey;
 };
 
 /**

@@ -803,7 +803,7 @@ QByteArray readBuiltInFixture()
 
 } // namespace
 
-CloudState::CloudState() : key(KELO_CLOUD_SECRET_KEY), books(new detail::Books)
+CloudState::CloudState() : key(developmentKey()), books(new detail::Books)
 {
     Fixture fixture;
     FixtureReader reader(QStringLiteral(":/kelocloud/restaurant.json"));
@@ -831,10 +831,31 @@ bool CloudState::loadFixture(const QString& path, QString* error)
     return false;
 }
 
-void CloudState::setSecretKey(const QByteArray& newKey)
+bool CloudState::setSecretKey(const QByteArray& newKey)
 {
+    if (!keyProblem(newKey).isEmpty())
+        return false;
     QMutexLocker lock(&mutex);
     key = newKey;
+    return true;
+}
+
+QByteArray CloudState::developmentKey()
+{
+    return QByteArrayLiteral(KELO_CLOUD_DEVELOPMENT_KEY);
+}
+
+QString CloudState::keyProblem(const QByteArray& key)
+{
+    const QString rule = QStringLiteral("the signing key must be 32 ASCII letters or digits");
+    if (key.size() != 32)
+        return rule + QStringLiteral(" (got %1 characters)").arg(key.size());
+    for (int i = 0; i < key.size(); ++i) {
+        const char c = key.at(i);
+        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')))
+            return rule + QStringLiteral(" (character %1 is neither)").arg(i + 1);
+    }
+    return {};
 }
 
 QByteArray CloudState::secretKey() const

@@ -61,7 +61,7 @@ public:
         QByteArray text;
     };
 
-    /// Loads the built-in fixture; the signing key is the one of the SDK build.
+    /// Loads the built-in fixture; the signing key is the development key until setSecretKey().
     CloudState();
     ~CloudState();
     CloudState(const CloudState&) = delete;
@@ -74,9 +74,14 @@ public:
      * expected an integer").
      */
     bool loadFixture(const QString& path, QString* error);
-    /// The signing key shared with the SDK build.
-    void setSecretKey(const QByteArray& key);
+    /// The signing key shared with the SDK build; false (key unchanged) if keyProblem() objects.
+    bool setSecretKey(const QByteArray& key);
     QByteArray secretKey() const;
+    /// The key of an SDK built with the default KELO_SECRET_KEY.
+    static QByteArray developmentKey();
+    /// Why @p key cannot sign (it must be 32 ASCII letters or digits), or empty if it can. The
+    /// text never quotes the key.
+    static QString keyProblem(const QByteArray& key);
     /// The merchant code of the loaded fixture ("M01" in the built-in one).
     QString merchantCode() const;
 

@@ -67,7 +67,13 @@ QString trustAndFixtureHelp(const QString& caPath)
                "  kelo-cloud --print-fixture > my.json\n"
                "A fixture that breaks a rule stops kelo-cloud with exit status 2 and a message\n"
                "naming the file and the field. Orders placed, payments and invoices live in\n"
-               "memory only.\n")
+               "memory only.\n"
+               "\n"
+               "Signing key: the cloud checks the signatures of e-wallet invoices and of the\n"
+               "notification connect with the key of the SDK build it serves. A library built\n"
+               "with its own -DKELO_SECRET_KEY needs the same key here:\n"
+               "  KELO_CLOUD_KEY=<key> kelo-cloud\n"
+               "kelo-cloud holds no build's key itself; a bad key stops it with exit status 2.\n")
         .arg(caPath);
 }
 
@@ -99,7 +105,15 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
     const QCommandLineOption printFixture(
         QStringLiteral("print-fixture"),
         QStringLiteral("Write the built-in fixture to standard output and quit."));
-    parser.addOptions({port, caDir, fixture, printFixture});
+    const QCommandLineOption key(
+        QStringLiteral("key"),
+        QStringLiteral("The signing key of the SDK build that talks to this cloud (its "
+                       "KELO_SECRET_KEY): 32 ASCII letters or digits. Default: the environment "
+                       "variable KELO_CLOUD_KEY if set (preferred: a command line is visible to "
+                       "other users), else the development key, which is the default of "
+                       "KELO_SECRET_KEY."),
+        QStringLiteral("KEY"));
+    parser.addOptions({port, caDir, fixture, printFixture, key});
     if (!parser.parse(app.arguments())) {
         *error = parser.errorText();
         return Parsed::Failed;
@@ -123,6 +137,20 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
     settings->cloud.reuseCa = true;
     settings->fixture = parser.value(fixture);
     settings->printFixture = parser.isSet(printFixture);
+
+    // The key is never built into the tool: it comes from here at every start.
+    const bool keyOption = parser.isSet(key);
+    const QByteArray keyValue = keyOption ? parser.value(key).toUtf8() : qgetenv("KELO_CLOUD_KEY");
+    if (keyOption || !keyValue.isEmpty()) {
+        const QString problem = kelocloud::CloudState::keyProblem(keyValue);
+        if (!problem.isEmpty()) {
+            *error = (keyOption ? QStringLiteral("--key: ") : QStringLiteral("KELO_CLOUD_KEY: ")) +
+                     problem;
+            return Parsed::Failed;
+        }
+    }
+    settings->cloud.secretKey =
+        keyValue.isEmpty() ? kelocloud::CloudState::developmentKey() : keyValue;
     return Parsed::Run;
 }
 
