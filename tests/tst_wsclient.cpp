@@ -276,9 +276,12 @@ private Q_SLOTS:
         // Without its watchdog, only the client's own reopen brings the channel back.
         w->client->stop();
         QVERIFY(w->client->wait(eventWait));
+        QElapsedTimer clock;
+        clock.start();
         QCOMPARE(oneFrame ? cloud->pushWholeFrame(devid, big) : cloud->pushToDevice(devid, big), 1);
         if (over) {
             QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, eventWait);
+            qInfo("connected again %lld ms after the push", clock.elapsed());
             QCOMPARE(sessionFetches(), 2);
             QCOMPARE(upgrades().size(), 2);
             QVERIFY(upgradeSession(1) != upgradeSession(0));
