@@ -1,10 +1,14 @@
 // The notification client against the local cloud over TLS: session fetch, signed connect,
 // frame forwarding, keep-alive pings and the reconnect watchdog. The client's own 3 s tick and
 // 6 s busy wait set the pace; every wait here is on an event, bounded far beyond that pace.
+#include "kelolimits_p.h"
+#include "kelosdk.h"
 #include "logcapture.h"
 #include "testcloud.h"
 #include "wsclient.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QUuid>
 #include <QtTest>
 
@@ -23,6 +27,24 @@ const int eventWait = 30000;
 CloudReply answer(const QByteArray& body, int delayMs = 0)
 {
     return CloudReply{200, body, {}, delayMs, {}};
+}
+
+CloudReply never()
+{
+    CloudReply reply;
+    reply.fault = CloudReply::Fault::NeverAnswer;
+    return reply;
+}
+
+/// {"msg":"<word>","pad":"..."} of exactly @p bytes in UTF-8, padded with @p pad.
+QByteArray notice(const char* word, qint64 bytes, const QString& pad = QStringLiteral("x"))
+{
+    QByteArray text = QByteArray(R"({"msg":")") + word + R"(","pad":")";
+    const QByteArray piece = pad.toUtf8();
+    while (text.size() + piece.size() + 2 <= bytes)
+        text += piece;
+    text += QByteArray(bytes - text.size() - 2, 'x') + "\"}";
+    return text;
 }
 
 /// A client with spies on its signals; counts its keep-alive ticks (an event filter sees its
@@ -175,6 +197,109 @@ private Q_SLOTS:
         QCOMPARE(w->closed.count(), 0);
         QCOMPARE(upgrades().size(), 1);
     }
+    // A session fetch that the server takes and never answers is given up at its deadline: only
+    // then does the next fetch go out (one fetch at a time), and the channel is up within 30 s of
+    // the stalled one, though the watchdog waits 6 s at a time while a fetch is busy.
+    void slow_stalledSessionFetchIsGivenUp()
+    {
+        cloud->scriptReply(commonApi, sessionWord, never());
+        auto w = watch();
+        QElapsedTimer clock;
+        clock.start();
+        w->client->start();
+        QTRY_COMPARE_WITH_TIMEOUT(sessionFetches(), 2, 2 * eventWait);
+        QVERIFY(clock.elapsed() >= kelo_limits::SessionFetchDeadlineMs);
+        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 1, 30000 - int(clock.elapsed()));
+        qInfo("connected %lld ms after the stalled fetch went out", clock.elapsed());
+        QCOMPARE(sessionFetches(), 2);
+        QCOMPARE(upgrades().size(), 1);
+        QCOMPARE(w->closed.count(), 0);
+    }
+    // An opening handshake that the server never answers is given up at its deadline, even when
+    // no fresh session can be had meanwhile (which would replace it); once the server answers
+    // again the channel is up within 30 s.
+    void slow_stalledHandshakeIsGivenUp()
+    {
+        CloudReply first;
+        first.normalAnswer = true;
+        cloud->scriptReply(commonApi, sessionWord, first);
+        cloud->scriptReply(commonApi, sessionWord, answer(R"({"err":5})"), 1000);
+        cloud->scriptReply("/kelo/ntf/", {}, never());
+        auto w = watch();
+        QElapsedTimer clock;
+        clock.start();
+        w->client->start();
+        QVERIFY(w->closed.wait(2 * eventWait)); // the stalled socket is aborted
+        QVERIFY(clock.elapsed() >= kelo_limits::HandshakeDeadlineMs);
+        QCOMPARE(upgrades().size(), 1);
+        cloud->clearScripts();
+        clock.restart();
+        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 1, 30000);
+        qInfo("connected %lld ms after the server answered again", clock.elapsed());
+        QCOMPARE(upgrades().size(), 2);
+        QVERIFY(upgrades()[1].accepted);
+    }
+    void oversizedNoticeIsDroppedAndChannelReopens_data()
+    {
+        QTest::addColumn<qint64>("bytes");
+        QTest::addColumn<QString>("pad");
+        QTest::addColumn<bool>("oneFrame");
+        QTest::addColumn<QString>("dropped"); // the reason logged, which tells the caps apart
+        const qint64 cap = kelo_limits::DefaultMaxNotificationBytes;
+        const QString euro(QChar(0x20AC)); // 3 bytes in UTF-8, 1 unit in UTF-16
+        QTest::newRow("over, 4 KiB frames")
+            << cap + 1 << "x" << false << "Received message is too big.";
+        QTest::newRow("over, one frame") << cap + 1 << "x" << true << "Maximum framesize exceeded.";
+        QTest::newRow("over, 3-byte characters")
+            << cap + 1 << euro << false << "Received message is too big in UTF-8.";
+        QTest::newRow("at the cap, 4 KiB frames") << cap << "x" << false << QString();
+        QTest::newRow("at the cap, one frame") << cap << "x" << true << QString();
+        QTest::newRow("at the cap, 3-byte characters") << cap << euro << false << QString();
+    }
+    // Over the cap (the default, in UTF-8 bytes): never forwarded; the socket closes and opens
+    // again at once on a fresh session, and the next notice arrives. At the cap: forwarded
+    // unchanged, the socket stays.
+    void oversizedNoticeIsDroppedAndChannelReopens()
+    {
+        QFETCH(qint64, bytes);
+        QFETCH(QString, pad);
+        QFETCH(bool, oneFrame);
+        QFETCH(QString, dropped);
+        const bool over = !dropped.isEmpty();
+        const QByteArray big = notice("big", bytes, pad);
+        QCOMPARE(big.size(), bytes);
+        LogCapture log;
+        auto w = watch();
+        QCOMPARE(w->client->maxMessageSize(), kelo_limits::DefaultMaxNotificationBytes);
+        QVERIFY(w->startAndConnect());
+        QTRY_VERIFY(cloud->connectedDevices().contains(devid));
+        // Without its watchdog, only the client's own reopen brings the channel back.
+        w->client->stop();
+        QVERIFY(w->client->wait(eventWait));
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(oneFrame ? cloud->pushWholeFrame(devid, big) : cloud->pushToDevice(devid, big), 1);
+        if (over) {
+            QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, eventWait);
+            qInfo("connected again %lld ms after the push", clock.elapsed());
+            QCOMPARE(sessionFetches(), 2);
+            QCOMPARE(upgrades().size(), 2);
+            QVERIFY(upgradeSession(1) != upgradeSession(0));
+            QVERIFY(w->closed.count() >= 1);
+            QTRY_VERIFY(cloud->connectedDevices().contains(devid));
+        }
+        const QByteArray next = notice("next", 20);
+        QVERIFY(cloud->pushText(devid, next));
+        QTRY_COMPARE(w->text.count(), over ? 1 : 2);
+        QCOMPARE(w->text.last()[0].toString(), QString::fromUtf8(next));
+        if (!over) {
+            QCOMPARE(w->text[0][0].toString(), QString::fromUtf8(big));
+            QCOMPARE(w->closed.count(), 0);
+            QCOMPARE(upgrades().size(), 1);
+        }
+        QCOMPARE(log.lines(QtWarningMsg).filter("WebSocket notice dropped: "),
+                 over ? QStringList{"WebSocket notice dropped: " + dropped} : QStringList());
+    }
     // The SDK never deletes its client: the watchdog must not outlive the host's application.
     // The probe is this program again, started with fork and exec rather than QProcess: under
     // qemu-user QProcess cannot start children at all, and a cross build runs the probe through
@@ -200,6 +325,36 @@ private Q_SLOTS:
         QCOMPARE(waitpid(pid, &status, 0), pid);
         QVERIFY2(WIFEXITED(status), "the probe crashed");
         QCOMPARE(WEXITSTATUS(status), 0);
+    }
+    // Last: the SDK's client is never deleted and stays on this cloud. The SDK's cap reaches its
+    // client: a notice one byte over it gives no notify(), only the channel going down and up.
+    void sdkCapReachesTheChannel()
+    {
+        cloud.pointSdkHere();
+        auto sdk = std::make_unique<Kelosdk>(merchant, QStringLiteral("POS-1"), false);
+        QSignalSpy change(sdk.get(), &Kelosdk::cloudConnectionChange);
+        QSignalSpy notify(sdk.get(), &Kelosdk::notify);
+        QSignalSpy paid(sdk.get(), &Kelosdk::tumipayRequestDone);
+        QVERIFY(change.wait(eventWait));
+        const QString sdkDevice = QJsonDocument::fromJson(cloud->exchanges(commonApi, sessionWord)
+                                                              .value(0)
+                                                              .param(QStringLiteral("dt"))
+                                                              .toUtf8())
+                                      .object()
+                                      .value(QStringLiteral("devid"))
+                                      .toString();
+        QTRY_VERIFY(cloud->connectedDevices().contains(sdkDevice));
+        sdk->setMaxNotificationSize(64);
+        QCOMPARE(sdk->maxNotificationSize(), qint64(64));
+        QVERIFY(cloud->pushText(sdkDevice, notice("payment_success", 65)));
+        QTRY_COMPARE_WITH_TIMEOUT(change.count(), 3, eventWait);
+        QCOMPARE(change.at(1), QVariantList{false});
+        QCOMPARE(change.at(2), QVariantList{true});
+        QTRY_VERIFY(cloud->connectedDevices().contains(sdkDevice));
+        QVERIFY(cloud->pushText(sdkDevice, notice("hello", 64)));
+        QTRY_COMPARE(notify.count(), 1);
+        QCOMPARE(notify.at(0), QVariantList{"hello"});
+        QCOMPARE(paid.count(), 0);
     }
 };
 

@@ -9,7 +9,9 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QSet>
+#include <QSignalBlocker>
 #include <QTime>
+#include <QTimer>
 #include <QTimerEvent>
 
 namespace {
@@ -23,7 +25,50 @@ QString now()
     return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
 }
 
+/// The length of @p text in UTF-8, counted without encoding it.
+qint64 utf8Length(const QString& text)
+{
+    qint64 bytes = 0;
+    for (const QChar c : text) {
+        const ushort u = c.unicode();
+        // A surrogate pair is 4 bytes: 2 for each half.
+        bytes += u < 0x80 ? 1 : (u < 0x800 || QChar::isSurrogate(u)) ? 2 : 3;
+    }
+    return bytes;
+}
+
 } // namespace
+
+/*
+ * What a client keeps beyond the members of its public class, whose layout is fixed: the
+ * deadlines of the session fetch and of the opening handshake, and whether the socket is closing
+ * over a notice that was too large. A child of the client, so it lives on the creating thread;
+ * the watchdog never touches it.
+ */
+class WSClientGuard : public QObject
+{
+    Q_OBJECT
+public:
+    explicit WSClientGuard(QObject* client) : QObject(client)
+    {
+        // Precise: a coarse timer may fire 5 % early.
+        sessionDeadline.setTimerType(Qt::PreciseTimer);
+        handshakeDeadline.setTimerType(Qt::PreciseTimer);
+        sessionDeadline.setSingleShot(true);
+        sessionDeadline.setInterval(kelo_limits::SessionFetchDeadlineMs);
+        handshakeDeadline.setSingleShot(true);
+        handshakeDeadline.setInterval(kelo_limits::HandshakeDeadlineMs);
+    }
+
+    static WSClientGuard* of(const QObject* client)
+    {
+        return client->findChild<WSClientGuard*>(QString(), Qt::FindDirectChildrenOnly);
+    }
+
+    QTimer sessionDeadline{this};
+    QTimer handshakeDeadline{this};
+    bool closingOverLargeNotice = false;
+};
 
 /*
  * The SDK never deletes its client, so a watchdog thread may still be sleeping when the host
@@ -108,14 +153,71 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
     connect(&webSocket, &QWebSocket::connected, this, &WSClient::refreshSocketValidity);
     connect(&webSocket, &QWebSocket::disconnected, this, &WSClient::refreshSocketValidity);
 
+    auto* guard = new WSClientGuard(this);
+    // An opening handshake ends either way before its deadline; one that has not, is given up.
+    connect(&webSocket, &QWebSocket::connected, &guard->handshakeDeadline, &QTimer::stop);
+    connect(&webSocket, &QWebSocket::disconnected, &guard->handshakeDeadline, &QTimer::stop);
+    connect(&guard->handshakeDeadline, &QTimer::timeout, this, [this] {
+        if (webSocket.state() == QAbstractSocket::ConnectedState)
+            return;
+        // Quiet while it aborts: onClosed() would write its close frame into the socket that
+        // abort() is tearing down (a crash in Qt 5.15). What onClosed() reports follows; there
+        // is nothing left to close. The watchdog then finds the socket invalid and reconnects.
+        {
+            const QSignalBlocker quiet(webSocket);
+            webSocket.abort();
+        }
+        refreshSocketValidity();
+        if (this->debug)
+            qDebug().noquote() << QStringLiteral("WebSocket disconnected ") + now();
+        emit closed();
+    });
+    // A session fetch that the server took and never answers is given up, so that the watchdog's
+    // next round (it waits while a fetch is busy) fetches afresh.
+    connect(&guard->sessionDeadline, &QTimer::timeout, this, [this] {
+        if (!sessionRequest)
+            return;
+        sessionRequest->disconnect(this);
+        sessionRequest->cancel();
+        sessionBusy = false;
+        releaseSessionRequest();
+    });
+
     connect(&webSocket, &QWebSocket::connected, this, &WSClient::onConnected);
     connect(&webSocket, &QWebSocket::disconnected, this, &WSClient::onClosed);
-    connect(&webSocket, &QWebSocket::textMessageReceived, this, &WSClient::textMessageReceived);
+    // Qt measures a text message in UTF-16 units (plus the bytes of its last frame), so a notice
+    // of multi-byte characters passes its cap at up to three times the bytes. Held to the cap in
+    // bytes here, such a notice ends like one that Qt refused: not handed on, the socket closed
+    // with 1009.
+    connect(&webSocket, &QWebSocket::textMessageReceived, this, [this](const QString& message) {
+        if (utf8Length(message) > qint64(webSocket.maxAllowedIncomingMessageSize())) {
+            webSocket.close(QWebSocketProtocol::CloseCodeTooMuchData,
+                            QStringLiteral("Received message is too big in UTF-8."));
+            return;
+        }
+        emit textMessageReceived(message);
+    });
+    // A notice over the cap (or a frame over it, which Qt refuses from the frame's header on)
+    // closes the socket with 1009. A notice the server pushes while the socket is down is lost,
+    // so the channel is opened again at once, not on the watchdog's next round.
+    connect(&webSocket, &QWebSocket::aboutToClose, this, [this, guard] {
+        guard->closingOverLargeNotice =
+            webSocket.closeCode() == QWebSocketProtocol::CloseCodeTooMuchData;
+    });
+    connect(&webSocket, &QWebSocket::disconnected, this, [this, guard] {
+        if (!guard->closingOverLargeNotice)
+            return;
+        guard->closingOverLargeNotice = false;
+        qWarning().noquote() << QStringLiteral("WebSocket notice dropped: ") +
+                                    webSocket.closeReason();
+        getSession();
+    });
     connect(&webSocket, &QWebSocket::pong, this, &WSClient::onPong);
     qRegisterMetaType<QAbstractSocket::SocketError>();
     connect(&webSocket, SIGNAL(error(QAbstractSocket::SocketError)), this,
             SLOT(onError(QAbstractSocket::SocketError)));
     connect(this, &WSClient::reconnect, this, &WSClient::getSession);
+    setMaxMessageSize(kelo_limits::DefaultMaxNotificationBytes);
 }
 
 WSClient::~WSClient()
@@ -170,6 +272,7 @@ void WSClient::getSession()
     sessionRequest->addParameter(QStringLiteral("dt"), Libcmn::formatWsSession(merchantCode, devid),
                                  false);
     sessionRequest->process(HTTP_POST);
+    WSClientGuard::of(this)->sessionDeadline.start();
 }
 
 void WSClient::openConnection(const QString& sessionId)
@@ -177,6 +280,7 @@ void WSClient::openConnection(const QString& sessionId)
     const QString connectString =
         Libcmn::formatWsConnectString(wsUrl.toString(), merchantCode, devid, sessionId);
     webSocket.open(QUrl(connectString));
+    WSClientGuard::of(this)->handshakeDeadline.start();
 }
 
 void WSClient::onPong(quint64, const QByteArray&)
@@ -223,6 +327,7 @@ void WSClient::onClosed()
 void WSClient::onReConnect()
 {
     webSocket.open(wsUrl);
+    WSClientGuard::of(this)->handshakeDeadline.start();
 }
 
 void WSClient::onSessionDone(QVariant data)
@@ -312,8 +417,13 @@ void WSClient::releaseNetworkAtExit()
         killTimer(timerId);
         timerId = 0;
     }
+    WSClientGuard* guard = WSClientGuard::of(this);
+    guard->sessionDeadline.stop();
+    guard->handshakeDeadline.stop();
     delete sessionRequest; // aborts its reply and ends its manager's network thread
     sessionRequest = nullptr;
     sessionBusy = false;
     webSocket.abort();
 }
+
+#include "wsclient.moc"

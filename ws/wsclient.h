@@ -23,6 +23,11 @@ class QTimerEvent;
  * while down, closed() is emitted on every tick. The thread's run() is only a watchdog that emits
  * reconnect() every 3 s while the socket is not valid; the socket, timer and requests all live on
  * the creating thread. Text frames are forwarded unchanged through textMessageReceived().
+ *
+ * A session fetch without an answer is given up after 15 s, and so is an opening handshake that
+ * has not completed; the watchdog then tries again. A notice longer than the cap (see
+ * setMaxMessageSize()) is never forwarded: the socket closes and the channel is opened again at
+ * once, on a fresh session.
  */
 class KELO_EXPORT WSClient : public QThread
 {
@@ -46,9 +51,9 @@ public:
     void openConnection(const QString& sessionId);
     /// A pong arrived: the missed-pong count returns to 0.
     void onPong(quint64 elapsedTime, const QByteArray& payload);
-    /// Caps an incoming message and each of its frames: a longer one closes the socket and is
-    /// never forwarded; the watchdog then reconnects. 0 or less removes the cap (Qt's own
-    /// maximum applies); the default is 1 MiB.
+    /// Caps an incoming message (in UTF-8 bytes) and each of its frames: a longer one closes the
+    /// socket (code 1009) and is never forwarded; the client then reconnects at once. 0 or less
+    /// removes the cap (Qt's own maximum applies); the default is 1 MiB.
     void setMaxMessageSize(qint64 bytes);
     /// The cap on an incoming message; 0 means none.
     qint64 maxMessageSize() const;

@@ -281,11 +281,12 @@ public:
         });
     }
 
-    void send(const QByteArray& text)
+    /// @p wholeFrame: one frame whatever its length (otherwise frames of 4 KiB at most).
+    void send(const QByteArray& text, bool wholeFrame = false)
     {
         if (!open)
             return;
-        queue.emplace_back(text.constData(), std::size_t(text.size()));
+        queue.push_back({std::string(text.constData(), std::size_t(text.size())), wholeFrame});
         if (queue.size() == 1)
             writeNext();
     }
@@ -317,7 +318,8 @@ private:
     void writeNext()
     {
         ws.text(true);
-        ws.async_write(net::buffer(queue.front()),
+        ws.auto_fragment(!queue.front().second);
+        ws.async_write(net::buffer(queue.front().first),
                        [self = shared_from_this()](error_code ec, std::size_t) {
                            if (ec) {
                                self->queue.clear();
@@ -333,7 +335,7 @@ private:
     QString devid;
     Request request;
     beast::flat_buffer buffer;
-    std::deque<std::string> queue;
+    std::deque<std::pair<std::string, bool>> queue; // text, whole frame
     bool open = false;
     std::atomic<int>& pings;
 };
@@ -1227,6 +1229,19 @@ int CloudServer::openInvoiceCount() const
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     return d->openInvoices.size();
+}
+
+int CloudServer::pushWholeFrame(const QString& devid, const QByteArray& text)
+{
+    return d->call([&] {
+        int sent = 0;
+        for (const auto& socket : d->openSockets())
+            if (socket->device() == devid) {
+                socket->send(text, true);
+                ++sent;
+            }
+        return sent;
+    });
 }
 
 } // namespace kelocloud

@@ -188,6 +188,10 @@ public:
     /// counts them from its own answers and markInvoicePaid()).
     int openInvoiceCount() const;
 
+    /// Like pushToDevice(), but the text goes out as one frame, however long (pushToDevice()
+    /// splits a text into frames of 4 KiB).
+    int pushWholeFrame(const QString& devid, const QByteArray& text);
+
 private:
     struct Impl;
     std::unique_ptr<Impl> d;
