@@ -2,6 +2,7 @@
 // that ends the request, and whether the kind is then free again or still held.
 #include "httpbase2.h"
 #include "sdkkinds.h"
+#include "tempdatalocation.h"
 #include "signalrecorder.h"
 #include "testcloud.h"
 
@@ -81,13 +82,14 @@ private Q_SLOTS:
 private:
     std::unique_ptr<Kelosdk> sdkFor(const Fault& fault);
     bool openInvoice(Kelosdk& sdk, bool noServer);
+    TempDataLocation data;
     TestCloud cloud;
     TestCloud untrusted{TestCloud::Untrusted};
 };
 
 void TestFaultMatrix::initTestCase()
 {
-    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(data.isValid()); // a picture cache of this run alone
     QVERIFY(cloud.start());
     QVERIFY(untrusted.start());
     cloud.pointSdkHere();
