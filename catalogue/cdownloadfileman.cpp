@@ -79,7 +79,8 @@ public:
     explicit PictureRun(CDownloadFileMan* manager) : QObject(manager)
     {
         deadline.setSingleShot(true);
-        connect(&deadline, &QTimer::timeout, manager, [manager] { manager->givePictureUp(); });
+        connect(&deadline, &QTimer::timeout, manager,
+                [manager] { manager->givePictureUp(" took longer than its deadline"); });
     }
     int index = -1;                ///< the entry this state belongs to; -1: none
     int redirects = 0;             ///< redirects followed for it
@@ -322,8 +323,12 @@ void CDownloadFileMan::HttpReadyRead()
         // Announced, or counted as it comes (a chunked answer announces nothing).
         bool known = false;
         const qint64 announced = reply->rawHeader("Content-Length").trimmed().toLongLong(&known);
-        if ((known && announced > cap) || run->received + reply->bytesAvailable() > cap) {
-            givePictureUp();
+        if (known && announced > cap) {
+            givePictureUp(" announces more bytes than the cap");
+            return;
+        }
+        if (run->received + reply->bytesAvailable() > cap) {
+            givePictureUp(" is longer than the cap");
             return;
         }
     }
@@ -350,9 +355,14 @@ void CDownloadFileMan::HttpDownloadFinished()
     if (!failed && redirected) {
         // A bounded number of hops, never from https down to plain http.
         const QUrl to = target.toUrl();
-        if (++run->redirects > kelo_limits::MaxPictureRedirects ||
-            !isAllowedRedirect(to, run->plainHttpAllowed)) {
+        if (++run->redirects > kelo_limits::MaxPictureRedirects) {
             failed = true;
+            if (info)
+                logImage(*info, " was redirected too often ==> given up");
+        } else if (!isAllowedRedirect(to, run->plainHttpAllowed)) {
+            failed = true;
+            if (info)
+                logImage(*info, " was redirected to a less safe address ==> given up");
         } else if (info) {
             // The target is taken as it stands, not resolved against the old address.
             info->url = to.toString();
@@ -473,11 +483,13 @@ CDownloadFileMan::PictureRun* CDownloadFileMan::pictureRun()
     return run;
 }
 
-void CDownloadFileMan::givePictureUp()
+void CDownloadFileMan::givePictureUp(const char* why)
 {
     // The answer in flight, if any, ends as failed: the partial file goes, the placeholder shows.
     if (!reply)
         return;
+    if (const tagDownFileInfo* info = currentRecord())
+        logImage(*info, (QByteArray(why) + " ==> given up").constData());
     outputFailed = true;
     reply->abort();
 }

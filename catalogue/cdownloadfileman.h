@@ -140,8 +140,9 @@ private:
     /// The state of the picture being fetched (redirects, bytes, deadline), in a child object.
     class PictureRun;
     PictureRun* pictureRun();
-    /// Ends the answer in flight as a failed download (too large, or out of time).
-    void givePictureUp();
+    /// Ends the answer in flight as a failed download (too large, or out of time); @p why goes
+    /// to the debug log.
+    void givePictureUp(const char* why);
     /// Stamps the closed cache file @p path through a descriptor that does not follow links.
     static void stampCachedFile(const QString& path, unsigned long long stampMs);
 
