@@ -324,6 +324,30 @@ private Q_SLOTS:
         QCOMPARE(QFileInfo(victim).lastModified().toSecsSinceEpoch(), 1500000000);
         QCOMPARE(QFileInfo(images + "/4.png").lastModified().toSecsSinceEpoch(), 1600000000);
     }
+    // A picture whose catalogue address is plain http may be redirected over plain http.
+    void plainHttpCatalogueAddress()
+    {
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        const QByteArray base = "http://127.0.0.1:" + QByteArray::number(server.serverPort());
+        QByteArrayList targets;
+        connect(&server, &QTcpServer::newConnection, &server, [&] {
+            while (QTcpSocket* socket = server.nextPendingConnection())
+                connect(socket, &QTcpSocket::readyRead, socket, [&targets, socket, base] {
+                    const QByteArray target = socket->readAll().split(' ').value(1);
+                    targets << target;
+                    socket->write(
+                        target == "/img/5.png"
+                            ? "HTTP/1.1 302 Found\r\nLocation: " + base +
+                                  "/img/moved.png\r\nContent-Length: 0\r\n\r\n"
+                            : QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nplain"));
+                });
+        });
+        CDownloadFileMan manager(false, nullptr);
+        QCOMPARE(sync(manager, {{5, "/img/5.png", "0"}}, base), "5.png\nfetched:");
+        QCOMPARE(targets, QByteArrayList({"/img/5.png", "/img/moved.png"}));
+        QCOMPARE(readFile(images + "/5.png"), QByteArray("plain"));
+    }
     // The deadline also holds when it passes between a redirect and the request that follows it
     // (here: the host's thread busy right then).
     void deadlinePassingBetweenRedirects()
