@@ -2,9 +2,11 @@
 
 #include "kelolimits_p.h"
 #include "libcmn.h"
+#include "picturestamp_p.h"
 
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -12,46 +14,18 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QStandardPaths>
+#include <QTimer>
 #include <QUrl>
 
-#include <limits>
 #include <utility>
 
-#include <utime.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
-// A picture transfer that moves no byte for this long is given up and ends like any failed
-// download (placeholder picture). Without it one stalled request would hold the host's menu
-// request busy for good; 30 s is far beyond any picture on a working shop network.
-constexpr int PictureTransferTimeoutMs = 30000;
-
 // The longest file name (in bytes) that common file systems accept.
 constexpr int MaxFileNameBytes = 255;
-
-// time_t is 32 bits wide on some 32-bit ARM systems: clamp rather than wrap, since a wrapped time
-// would stamp a picture decades away. A stamp past the range never matches the file's time again,
-// so such a picture is fetched anew on every run instead of being shown stale.
-time_t toTimeT(qint64 seconds)
-{
-    using Limits = std::numeric_limits<time_t>;
-    if (seconds > static_cast<qint64>(Limits::max()))
-        return Limits::max();
-    if (seconds < static_cast<qint64>(Limits::min()))
-        return Limits::min();
-    return static_cast<time_t>(seconds);
-}
-
-// Access time = the file's last-read time, modification time = the catalogue's stamp in seconds.
-void stampFile(const QString& path, unsigned long long stampMs)
-{
-    const QDateTime lastRead = QFileInfo(path).lastRead();
-    struct utimbuf times;
-    times.actime = toTimeT(lastRead.isValid() ? lastRead.toSecsSinceEpoch()
-                                              : QDateTime::currentSecsSinceEpoch());
-    times.modtime = toTimeT(static_cast<qint64>(stampMs / 1000));
-    ::utime(QFile::encodeName(path).constData(), &times);
-}
 
 bool isPlainFileName(const QString& name)
 {
@@ -84,7 +58,56 @@ bool isWildcardFree(const QString& name)
     return true;
 }
 
+// Where a redirect may lead: https always, plain http only for a picture whose catalogue address
+// is itself plain http (a secure address is never downgraded). Anything else, a relative target
+// included, fails the picture.
+bool isAllowedRedirect(const QUrl& target, bool plainHttpAllowed)
+{
+    const QString scheme = target.scheme();
+    return target.isValid() && !target.host().isEmpty() &&
+           (scheme == QLatin1String("https") ||
+            (plainHttpAllowed && scheme == QLatin1String("http")));
+}
+
 } // namespace
+
+// The state of the picture being fetched, kept beside the manager (whose layout is fixed): its
+// redirects so far, whether plain http is allowed for it, its bytes and its deadline.
+class CDownloadFileMan::PictureRun : public QObject
+{
+public:
+    explicit PictureRun(CDownloadFileMan* manager) : QObject(manager)
+    {
+        deadline.setSingleShot(true);
+        connect(&deadline, &QTimer::timeout, manager,
+                [manager] { manager->givePictureUp(" took longer than its deadline"); });
+    }
+    int index = -1;                ///< the entry this state belongs to; -1: none
+    int redirects = 0;             ///< redirects followed for it
+    bool plainHttpAllowed = false; ///< the catalogue's own address for it is plain http
+    qint64 received = 0;           ///< bytes of the current answer so far
+    QElapsedTimer started;         ///< since the entry's first request
+    QTimer deadline;               ///< gives up the entry, redirects included
+
+    /// Starts the state of entry @p entry, whose catalogue address is @p url.
+    void begin(int entry, const QString& url, int deadlineMs)
+    {
+        index = entry;
+        redirects = 0;
+        plainHttpAllowed = QUrl(url).scheme() == QLatin1String("http");
+        started.start();
+        if (deadlineMs > 0)
+            deadline.start(deadlineMs);
+        else
+            deadline.stop();
+    }
+    void end()
+    {
+        index = -1;
+        deadline.stop();
+    }
+    bool expired(int deadlineMs) const { return deadlineMs > 0 && started.hasExpired(deadlineMs); }
+};
 
 CDownloadFileMan::CDownloadFileMan(bool debug, QObject* parent) : QObject(parent), debug(debug)
 {
@@ -144,6 +167,7 @@ void CDownloadFileMan::StartDownload()
     // the run under way carries on and reports as usual.
     if (networkManager)
         return;
+    pictureRun()->end();
     currentIndex = 0;
     runPictureDirectory = pictureDirectory();
     runFolderIndex.clear();
@@ -219,6 +243,13 @@ void CDownloadFileMan::DownloadNextFile()
     }
 
     tagDownFileInfo& info = fileList[currentIndex];
+    // Back here after a redirect: the same entry, unless its whole time is up.
+    PictureRun* run = pictureRun();
+    if (run->index == currentIndex && run->expired(pictureDeadline())) {
+        info.fileReady = false;
+        DownloadOneFileFinish();
+        return;
+    }
     // The file name comes from the server's "img_host", "img_path" and "item_id". Anything that
     // would not land as a plain file directly in the cache folder fails here, before any file
     // system call, and the dish shows the placeholder.
@@ -263,8 +294,11 @@ void CDownloadFileMan::DownloadNextFile()
     // would copy local data into the cache, so it fails like a request that could not be made.
     const QUrl url(info.url);
     if (networkManager && isWebUrl(url)) {
+        if (run->index != currentIndex)
+            run->begin(currentIndex, info.url, pictureDeadline());
+        run->received = 0;
         QNetworkRequest request(url);
-        request.setTransferTimeout(PictureTransferTimeoutMs);
+        request.setTransferTimeout(kelo_limits::PictureIdleTimeoutMs);
         reply = networkManager->get(request);
     }
     if (!reply) {
@@ -272,15 +306,34 @@ void CDownloadFileMan::DownloadNextFile()
         DownloadOneFileFinish();
         return;
     }
+    // An announced length over the cap ends the picture before any byte of it is written.
+    connect(reply, &QNetworkReply::metaDataChanged, this, [this] { HttpReadyRead(); });
     connect(reply, SIGNAL(readyRead()), this, SLOT(HttpReadyRead()));
     connect(reply, SIGNAL(finished()), this, SLOT(HttpDownloadFinished()));
 }
 
 void CDownloadFileMan::HttpReadyRead()
 {
-    if (!reply || !outputFile)
+    // outputFailed: the answer was given up, or a write failed; the rest of it is not written.
+    if (!reply || !outputFile || outputFailed)
         return;
+    PictureRun* run = pictureRun();
+    const qint64 cap = maxFileSize();
+    if (cap > 0) {
+        // Announced, or counted as it comes (a chunked answer announces nothing).
+        bool known = false;
+        const qint64 announced = reply->rawHeader("Content-Length").trimmed().toLongLong(&known);
+        if (known && announced > cap) {
+            givePictureUp(" announces more bytes than the cap");
+            return;
+        }
+        if (run->received + reply->bytesAvailable() > cap) {
+            givePictureUp(" is longer than the cap");
+            return;
+        }
+    }
     const QByteArray chunk = reply->readAll();
+    run->received += chunk.size();
     if (outputFile->write(chunk) != chunk.size())
         outputFailed = true;
 }
@@ -294,23 +347,34 @@ void CDownloadFileMan::HttpDownloadFinished()
         outputFailed = true;
 
     const QVariant target = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
-    const bool redirected = target.isValid();
-    // A picture cut short or not fully written counts as a failed download.
-    const bool failed = reply->error() != QNetworkReply::NoError || outputFailed || !outputFile;
+    bool redirected = target.isValid();
+    // A picture cut short, given up or not fully written counts as a failed download.
+    bool failed = reply->error() != QNetworkReply::NoError || outputFailed || !outputFile;
     tagDownFileInfo* info = currentRecord();
-    bool keep = false;
-    if (failed) {
-        if (info)
-            info->fileReady = false;
-    } else if (redirected) {
-        // The target is taken as it stands, not resolved against the old address.
-        if (info)
-            info->url = target.toUrl().toString();
-    } else if (info) {
-        info->fileReady = true;
-        keep = true;
+    PictureRun* run = pictureRun();
+    if (!failed && redirected) {
+        // A bounded number of hops, never from https down to plain http.
+        const QUrl to = target.toUrl();
+        if (++run->redirects > kelo_limits::MaxPictureRedirects) {
+            failed = true;
+            if (info)
+                logImage(*info, " was redirected too often ==> given up");
+        } else if (!isAllowedRedirect(to, run->plainHttpAllowed)) {
+            failed = true;
+            if (info)
+                logImage(*info, " was redirected to a less safe address ==> given up");
+        } else if (info) {
+            // The target is taken as it stands, not resolved against the old address.
+            info->url = to.toString();
+        }
     }
-    releaseOutputFile(keep);
+    redirected = redirected && !failed;
+    // The picture stays open until it is stamped (DownloadOneFileFinish).
+    const bool ready = !failed && !redirected && info;
+    if (info)
+        info->fileReady = ready;
+    if (!ready)
+        releaseOutputFile(false);
     reply->deleteLater();
     reply = nullptr;
 
@@ -326,9 +390,17 @@ void CDownloadFileMan::DownloadOneFileFinish()
     tagDownFileInfo* info = currentRecord();
     if (!info)
         return;
+    pictureRun()->end();
     if (info->fileReady) {
-        if (info->stamp != 0 && isCacheFilePath(info->localPath))
-            stampFile(info->localPath, info->stamp);
+        // The stamp is the last thing done to the file before it is closed, through the open
+        // file: nothing put at its name meanwhile can be stamped in its place.
+        if (outputFile) {
+            if (info->stamp != 0)
+                kelo_picture::stampOpenFile(*outputFile, info->stamp);
+            releaseOutputFile(true);
+        } else if (info->stamp != 0 && isCacheFilePath(info->localPath)) {
+            stampCachedFile(info->localPath, info->stamp);
+        }
         const bool known = cachedIds.contains(info->id);
         if (!firstRun && known) {
             info->useCache = false;
@@ -342,6 +414,8 @@ void CDownloadFileMan::DownloadOneFileFinish()
             logImage(*info,
                      firstRun ? " is added first ==> use cache" : " is added new ==> use cache");
         }
+    } else {
+        releaseOutputFile(false);
     }
     ++currentIndex;
     if (currentIndex < fileList.size())
@@ -358,6 +432,7 @@ void CDownloadFileMan::DownloadDone()
         reply = nullptr;
     }
     releaseOutputFile(false);
+    pictureRun()->end();
     delete networkManager;
     networkManager = nullptr;
     runPictureDirectory.clear();
@@ -381,6 +456,56 @@ qint64 CDownloadFileMan::maxFileSize() const
 {
     const QVariant set = property(MaxFileSizeProperty);
     return set.isValid() ? set.toLongLong() : kelo_limits::DefaultMaxPictureBytes;
+}
+
+// Kept as a property, like the cap.
+static constexpr char PictureDeadlineProperty[] = "_kelo_pictureDeadlineMs";
+
+void CDownloadFileMan::setPictureDeadline(int ms)
+{
+    setProperty(PictureDeadlineProperty, ms > 0 ? ms : 0);
+}
+
+int CDownloadFileMan::pictureDeadline() const
+{
+    const QVariant set = property(PictureDeadlineProperty);
+    return set.isValid() ? set.toInt() : kelo_limits::PictureDeadlineMs;
+}
+
+CDownloadFileMan::PictureRun* CDownloadFileMan::pictureRun()
+{
+    static constexpr char RunProperty[] = "_kelo_pictureRun";
+    auto* run = static_cast<PictureRun*>(property(RunProperty).value<QObject*>());
+    if (!run) {
+        run = new PictureRun(this);
+        setProperty(RunProperty, QVariant::fromValue<QObject*>(run));
+    }
+    return run;
+}
+
+void CDownloadFileMan::givePictureUp(const char* why)
+{
+    // The answer in flight, if any, ends as failed: the partial file goes, the placeholder shows.
+    if (!reply)
+        return;
+    if (const tagDownFileInfo* info = currentRecord())
+        logImage(*info, (QByteArray(why) + " ==> given up").constData());
+    outputFailed = true;
+    reply->abort();
+}
+
+void CDownloadFileMan::stampCachedFile(const QString& path, unsigned long long stampMs)
+{
+    // A picture that is not open any more (the entry was ended from outside a download): opened
+    // again without following a link, and stamped through that descriptor.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    QFile file;
+    if (file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle))
+        kelo_picture::stampOpenFile(file, stampMs);
+    else
+        ::close(fd);
 }
 
 tagDownFileInfo* CDownloadFileMan::currentRecord()

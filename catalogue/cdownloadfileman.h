@@ -65,6 +65,11 @@ public:
     void setMaxFileSize(qint64 bytes);
     /// The cap on each picture; 0 means none.
     qint64 maxFileSize() const;
+    /// Gives up a picture that has not arrived whole, redirects included, after @p ms; it then
+    /// ends like a failed download. 0 or less removes the deadline; the default is 120 s.
+    void setPictureDeadline(int ms);
+    /// The deadline for each picture in ms; 0 means none.
+    int pictureDeadline() const;
 
 Q_SIGNALS:
     /// Queued step to the next entry.
@@ -131,6 +136,15 @@ private:
     bool isCacheFilePath(const QString& localPath) const;
     /// isCacheFilePath(), plus: the existing images folder resolves to itself (no symlink out).
     bool isInsideCacheFolder(const QString& localPath) const;
+
+    /// The state of the picture being fetched (redirects, bytes, deadline), in a child object.
+    class PictureRun;
+    PictureRun* pictureRun();
+    /// Ends the answer in flight as a failed download (too large, or out of time); @p why goes
+    /// to the debug log.
+    void givePictureUp(const char* why);
+    /// Stamps the closed cache file @p path through a descriptor that does not follow links.
+    static void stampCachedFile(const QString& path, unsigned long long stampMs);
 
     /// Libcmn's catalogue functions name the cache files from the same picture directory.
     friend class Libcmn;

@@ -3,6 +3,7 @@
 #include "cdownloadfileman.h"
 #include "libcmn.h"
 #include "logcapture.h"
+#include "picturestamp_p.h"
 #include "tempdatalocation.h"
 #include "testcloud.h"
 
@@ -10,10 +11,12 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QTcpServer>
 #include <QtTest>
 
 #include <climits>
 #include <ctime>
+#include <utility>
 
 using kelocloud::CloudReply;
 Q_DECLARE_METATYPE(CloudReply)
@@ -68,6 +71,7 @@ class TestDownloadFileMan : public QObject
     TempDataLocation data;
     const QString images = data.images();
     TestCloud cloud;
+    QTcpServer plain; // plain http on 127.0.0.1: no picture may be fetched from it
 
     QString sync(CDownloadFileMan& manager, const QList<Dish>& dishes, QString host = QString());
 
@@ -76,6 +80,7 @@ private Q_SLOTS:
     {
         QVERIFY(data.isValid());
         QVERIFY(cloud.start());
+        QVERIFY(plain.listen(QHostAddress::LocalHost));
     }
     void init()
     {
@@ -172,6 +177,193 @@ private Q_SLOTS:
         QTEST(sync(manager, {{5, "/img/5.png"}, {6, "/img/6.png", "0"}}), "menu");
         QTEST(manager.GetListFile().value(0).url, "url");
         QCOMPARE(readFile(images + "/5.png"), content);
+    }
+    // Dish 5's picture behind `hops` redirects (-1: to itself, without end), each answered after
+    // `delay` ms, then `last` (status 0: the server's file), under the manager's cap and deadline
+    // (0: the defaults). Whatever ends it, nothing partial stays, dish 6 follows and the run
+    // completes once.
+    void pictureLimits_data()
+    {
+        QTest::addColumn<int>("hops");
+        QTest::addColumn<QByteArray>("firstTarget"); // empty: the next hop on this server
+        QTest::addColumn<int>("delay");
+        QTest::addColumn<CloudReply>("last");
+        QTest::addColumn<qint64>("cap");
+        QTest::addColumn<int>("deadline");
+        QTest::addColumn<QString>("menu");
+        QTest::addColumn<QStringList>("after");
+        QTest::addColumn<QString>("why"); // the debug line that gives the picture up
+        const auto chain = [](int hops) {
+            QString fetched = "fetched: /img/5.png";
+            for (int i = 1; i <= hops; ++i)
+                fetched += QStringLiteral(" /img/r%1.png").arg(i);
+            return fetched;
+        };
+        const QString failed = "placeholder\n6.png\n";
+        const QStringList six{"/6.png 4096"}, both{"/5.png 5", "/6.png 4096"};
+        const CloudReply served{0, {}, {}, 0, {}};
+        QTest::newRow("5 redirects")
+            << 5 << QByteArray() << 0 << served << qint64(0) << 0
+            << "5.png\n6.png\n" + chain(5) + " /img/6.png" << both << QString("");
+        QTest::newRow("6 redirects")
+            << 6 << QByteArray() << 0 << served << qint64(0) << 0
+            << failed + chain(5) + " /img/6.png" << six << QString("was redirected too often");
+        QTest::newRow("redirect loop")
+            << -1 << QByteArray() << 0 << served << qint64(0) << 0
+            << failed + "fetched:" + QString(" /img/5.png").repeated(6) + " /img/6.png" << six
+            << QString("was redirected too often");
+        QTest::newRow("https to plain http")
+            << 1 << QStringLiteral("http://127.0.0.1:%1/img/5.png").arg(plain.serverPort()).toUtf8()
+            << 0 << served << qint64(0) << 0 << failed + chain(0) + " /img/6.png" << six
+            << QString("was redirected to a less safe address");
+        CloudReply big{200, {}, {}, 0, {}};
+        big.streamBytes = 4097;
+        QTest::newRow("length over the cap") << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+                                             << failed + chain(0) + " /img/6.png" << six
+                                             << QString("announces more bytes than the cap");
+        big.chunked = true;
+        QTest::newRow("chunked over the cap")
+            << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+            << failed + chain(0) + " /img/6.png" << six << QString("is longer than the cap");
+        big.streamBytes = 4096;
+        const QStringList atCap{"/5.png 4096", "/6.png 4096"};
+        QTest::newRow("chunked at the cap")
+            << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+            << "5.png\n6.png\n" + chain(0) + " /img/6.png" << atCap << QString("");
+        big.chunked = false;
+        QTest::newRow("length at the cap")
+            << 1 << QByteArray() << 0 << big << qint64(4096) << 0
+            << "5.png\n6.png\n" + chain(1) + " /img/6.png" << atCap << QString("");
+        const CloudReply late{200, "late", {}, 3000, {}};
+        QTest::newRow("deadline") << 0 << QByteArray() << 0 << late << qint64(0) << 500
+                                  << failed + chain(0) + " /img/6.png" << six
+                                  << QString("took longer than its deadline");
+        // Each answer well within the deadline, the picture as a whole not.
+        QTest::newRow("deadline across redirects")
+            << 3 << QByteArray() << 1500 << served << qint64(0) << 2500
+            << failed + chain(1) + " /img/6.png" << six << QString("took longer than its deadline");
+    }
+    void pictureLimits()
+    {
+        QFETCH(int, hops);
+        QFETCH(QByteArray, firstTarget);
+        QFETCH(int, delay);
+        QFETCH(CloudReply, last);
+        QFETCH(qint64, cap);
+        QFETCH(int, deadline);
+        const QByteArray base = cloud.baseUrl().toUtf8();
+        const auto hop = [](int i) {
+            return QByteArray(i ? "/img/r" + QByteArray::number(i) : "/img/5") + ".png";
+        };
+        if (hops < 0)
+            cloud->scriptReply(hop(0), {},
+                               CloudReply{302, {}, {{"Location", base + hop(0)}}, 0, {}}, 100);
+        for (int i = 0; i < hops; ++i) {
+            const QByteArray to =
+                i == 0 && !firstTarget.isEmpty() ? firstTarget : base + hop(i + 1);
+            cloud->scriptReply(hop(i), {}, CloudReply{302, {}, {{"Location", to}}, delay, {}});
+        }
+        if (hops >= 0) {
+            if (last.status)
+                cloud->scriptReply(hop(hops), {}, last);
+            else
+                cloud->putFile(hop(hops), "moved");
+        }
+        QSignalSpy plainConnections(&plain, &QTcpServer::newConnection);
+        LogCapture log;
+        CDownloadFileMan manager(true, nullptr);
+        if (cap)
+            manager.setMaxFileSize(cap);
+        if (deadline)
+            manager.setPictureDeadline(deadline);
+        QTEST(sync(manager, {{5, "/img/5.png", "0"}, {6, "/img/6.png", "0"}}), "menu");
+        QTEST(tree(images), "after");
+        QCOMPARE(plainConnections.count() + int(plain.hasPendingConnections()), 0);
+        QFETCH(QString, why);
+        QCOMPARE(log.lines().filter("==> given up"),
+                 why.isEmpty()
+                     ? QStringList()
+                     : QStringList("=== Image " + images + "/5.png " + why + " ==> given up"));
+    }
+    // The stamp goes through the open file, as the last thing before it is closed: a link put at
+    // the picture's name meanwhile (the picture renamed away) is not followed to another file.
+    void stampGoesThroughTheOpenFile()
+    {
+        QTemporaryDir elsewhere;
+        QVERIFY(elsewhere.isValid());
+        const QString name = images + "/3.png", moved = images + "/3.moved",
+                      victim = elsewhere.filePath("victim");
+        QVERIFY(writeFile(victim, "keep"));
+        {
+            QFile file(victim);
+            QVERIFY(file.open(QIODevice::ReadWrite));
+            QVERIFY(file.setFileTime(QDateTime::fromSecsSinceEpoch(1500000000),
+                                     QFileDevice::FileModificationTime));
+        }
+        QFile picture(name);
+        QVERIFY(picture.open(QIODevice::WriteOnly));
+        QCOMPARE(picture.write("abc"), qint64(3)); // still buffered
+        QVERIFY(QFile::rename(name, moved));
+        QVERIFY(QFile::link(victim, name));
+        QVERIFY(kelo_picture::stampOpenFile(picture, 1700000000999ULL));
+        picture.close();
+        QCOMPARE(readFile(moved), QByteArray("abc"));
+        QCOMPARE(QFileInfo(moved).lastModified().toSecsSinceEpoch(), 1700000000);
+        QCOMPARE(QFileInfo(victim).lastModified().toSecsSinceEpoch(), 1500000000);
+        // An entry ended by the host itself: the closed picture is stamped, a link is not followed.
+        QVERIFY(writeFile(images + "/4.png", "four"));
+        for (const QString& path : {name, images + "/4.png"}) {
+            CDownloadFileMan manager(false, nullptr);
+            tagDownFileInfo info;
+            info.localPath = path;
+            info.stamp = 1600000000000ULL;
+            info.fileReady = true;
+            manager.AddDownLoadFile(info);
+            manager.DownloadOneFileFinish();
+        }
+        QCOMPARE(QFileInfo(victim).lastModified().toSecsSinceEpoch(), 1500000000);
+        QCOMPARE(QFileInfo(images + "/4.png").lastModified().toSecsSinceEpoch(), 1600000000);
+    }
+    // A picture whose catalogue address is plain http may be redirected over plain http.
+    void plainHttpCatalogueAddress()
+    {
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        const QByteArray base = "http://127.0.0.1:" + QByteArray::number(server.serverPort());
+        QByteArrayList targets;
+        connect(&server, &QTcpServer::newConnection, &server, [&] {
+            while (QTcpSocket* socket = server.nextPendingConnection())
+                connect(socket, &QTcpSocket::readyRead, socket, [&targets, socket, base] {
+                    const QByteArray target = socket->readAll().split(' ').value(1);
+                    targets << target;
+                    socket->write(
+                        target == "/img/5.png"
+                            ? "HTTP/1.1 302 Found\r\nLocation: " + base +
+                                  "/img/moved.png\r\nContent-Length: 0\r\n\r\n"
+                            : QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nplain"));
+                });
+        });
+        CDownloadFileMan manager(false, nullptr);
+        QCOMPARE(sync(manager, {{5, "/img/5.png", "0"}}, base), "5.png\nfetched:");
+        QCOMPARE(targets, QByteArrayList({"/img/5.png", "/img/moved.png"}));
+        QCOMPARE(readFile(images + "/5.png"), QByteArray("plain"));
+    }
+    // The deadline also holds when it passes between a redirect and the request that follows it
+    // (here: the host's thread busy right then).
+    void deadlinePassingBetweenRedirects()
+    {
+        const QByteArray next = (cloud.baseUrl() + "/img/r1.png").toUtf8();
+        cloud->scriptReply("/img/5.png", {}, CloudReply{302, {}, {{"Location", next}}, 0, {}});
+        CDownloadFileMan manager(false, nullptr);
+        manager.setPictureDeadline(200);
+        bool slept = false;
+        connect(&manager, &CDownloadFileMan::NotifyDownloadNextFile, this, [&slept] {
+            if (!std::exchange(slept, true))
+                QThread::msleep(400);
+        });
+        QCOMPARE(sync(manager, {{5, "/img/5.png", "0"}, {6, "/img/6.png", "0"}}),
+                 "placeholder\n6.png\nfetched: /img/5.png /img/6.png");
+        QVERIFY(slept);
     }
     // Before a picture is fetched, every regular file "<id>.*" in the folder goes, at that moment;
     // links found at a picture's name are removed, never followed out of the folder.
