@@ -167,6 +167,9 @@ private:
     // The common error handler of a flow, clearing @p bit.
     void wireError(HttpBase* request, quint32 bit);
     void requestFailed(QObject* request, quint32 bit, int code, const QString& message);
-    // The e-wallet chain's request object (kept in d->transferRequest) with its error handler.
+    // A request object of the e-wallet chain, with its error handler.
     HttpBase2* newTransferRequest();
+    // The chain's second step, the signed "create", on @p request.
+    void sendCreate(HttpBase2* request, const QString& sesId, long money,
+                    const QString& description, const QString& itemDetail);
 };
