@@ -42,6 +42,8 @@ QString number(qint64 value)
 
 void KelosdkPrivate::track(QObject* object)
 {
+    // Objects that went without being settled (a host's own deleteLater) leave an empty entry.
+    inFlight.removeAll(QPointer<QObject>());
     inFlight.append(object);
 }
 
