@@ -42,8 +42,6 @@ QString number(qint64 value)
 
 void KelosdkPrivate::track(QObject* object)
 {
-    // Objects that went without being settled (a host's own deleteLater) leave an empty entry.
-    inFlight.removeAll(QPointer<QObject>());
     inFlight.append(object);
 }
 
@@ -68,8 +66,7 @@ void KelosdkPrivate::abandonAll(QObject* owner)
             request->cancel();
         else if (auto* request2 = qobject_cast<HttpBase2*>(object))
             request2->cancel();
-        else // a picture run: no next step; its destructor drops the download and its file
-            object->blockSignals(true);
+        // A picture run's destructor drops its download and the file it was writing.
         object->setParent(nullptr);
         object->deleteLater();
     }
