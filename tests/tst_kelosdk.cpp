@@ -103,6 +103,7 @@ void TestKelosdk::sendsEachKindOneAtATime()
     QFETCH(QString, dt);
     const SdkKind& k = sdkKind(kind);
 
+    QFile::remove(cachedPicture());
     Kelosdk& sdk = f.newSdk();
     f.cloud->scriptReply(k.path, k.cm, replyWith(kEmptyMenu), 2);
     SignalRecorder seen(&sdk, {"cloudConnectionChange"});
@@ -132,6 +133,7 @@ void TestKelosdk::sendsEachKindOneAtATime()
 
 void TestKelosdk::menuStaysBusyUntilThePicturesAreThrough()
 {
+    QFile::remove(cachedPicture()); // fetched afresh
     Kelosdk& sdk = f.newSdk();
     f.cloud->scriptReply("/kelo/api/item/", QStringLiteral("getlist"),
                          replyWith(menuWithPicture(f)));
@@ -188,6 +190,7 @@ void TestKelosdk::lateAnswersAfterAResetAreNotReported()
         return reply;
     };
 
+    QFile::remove(cachedPicture());
     Kelosdk& sdk = f.newSdk();
     f.cloud->scriptReply(k.path, k.cm,
                          picture ? replyWith(menuWithPicture(f)) : answer("old", 300));

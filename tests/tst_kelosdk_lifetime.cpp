@@ -182,6 +182,7 @@ void TestSdkLifetime::deletedInsideAResultSlot()
     QFETCH(Drive, drive);
     QFETCH(bool, later);
 
+    QFile::remove(picturePath()); // fetched afresh
     Kelosdk* sdk = &f.newSdk();
     f.sdk.release(); // the slot below owns it now
 
