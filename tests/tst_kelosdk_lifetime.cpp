@@ -47,12 +47,18 @@ void connected(SdkFixture& f)
         qWarning("the device never connected");
 }
 
-void invoiceOpen(Kelosdk& sdk, SdkFixture& f)
+/// The invoice chain, its "create" answered with @p createReply.
+void invoice(Kelosdk& sdk, SdkFixture& f, const QByteArray& createReply = kInvoiceReply)
 {
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("get_session"), replyWith(kSession));
-    script(f, "create", replyWith(kInvoiceReply));
-    QSignalSpy qr(&sdk, SIGNAL(tumiQRInvoiceCode(QString)));
+    script(f, "create", replyWith(createReply));
     sdkKind("create").call(sdk);
+}
+
+void invoiceOpen(Kelosdk& sdk, SdkFixture& f)
+{
+    QSignalSpy qr(&sdk, SIGNAL(tumiQRInvoiceCode(QString)));
+    invoice(sdk, f);
     if (!qr.wait(kWait))
         qWarning("no invoice opened");
 }
@@ -143,7 +149,7 @@ void TestSdkLifetime::deletedInsideAResultSlot_data()
     add("tableFoodsDone", answered("table foods"));
     add("tableMergeDone", answered("merge", ""));
     add("paymentDone", answered("payment"));
-    add("tumiQRInvoiceCode", invoiceOpen);
+    add("tumiQRInvoiceCode", [](Kelosdk& sdk, SdkFixture& f) { invoice(sdk, f); });
     add("tumipayRequestDone", [](Kelosdk&, SdkFixture& f) {
         connected(f);
         f.cloud->pushText(f.device, R"({"dt":{"invoice_code":"X"},"msg":"payment_success"})");
@@ -153,10 +159,7 @@ void TestSdkLifetime::deletedInsideAResultSlot_data()
         answered("cancel")(sdk, f);
     });
     add("keloappError", [](Kelosdk& sdk, SdkFixture& f) { // the server refuses the invoice
-        f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("get_session"),
-                             replyWith(kSession));
-        script(f, "create", replyWith(R"({"err":4,"msg":"expired"})"));
-        sdkKind("create").call(sdk);
+        invoice(sdk, f, R"({"err":4,"msg":"expired"})");
     });
     add("notify", [](Kelosdk&, SdkFixture& f) {
         connected(f);
