@@ -12,6 +12,8 @@
 #include <QUrl>
 #include <QUuid>
 
+#include <utility>
+
 namespace {
 
 // Busy bits, one per request kind.
@@ -35,6 +37,40 @@ QString number(qint64 value)
 }
 
 } // namespace
+
+// ---- what the object waits on ----------------------------------------------------------------
+
+void KelosdkPrivate::track(QObject* object)
+{
+    inFlight.append(object);
+}
+
+bool KelosdkPrivate::settle(QObject* object)
+{
+    if (!object || !inFlight.removeOne(object))
+        return false;
+    object->setParent(nullptr);
+    object->deleteLater();
+    return true;
+}
+
+void KelosdkPrivate::abandonAll(QObject* owner)
+{
+    const QList<QPointer<QObject>> abandoned = std::exchange(inFlight, {});
+    for (const QPointer<QObject>& object : abandoned) {
+        if (!object)
+            continue;
+        // First cut it off: the abort below ends a request in error(), which must reach nobody.
+        QObject::disconnect(object, nullptr, owner, nullptr);
+        if (auto* request = qobject_cast<HttpBase*>(object))
+            request->cancel();
+        else if (auto* request2 = qobject_cast<HttpBase2*>(object))
+            request2->cancel();
+        // A picture run's destructor drops its download and the file it was writing.
+        object->setParent(nullptr);
+        object->deleteLater();
+    }
+}
 
 Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool debug)
     : QObject(nullptr), busyFlags(0), debugLog(debug), httpDebug(false), currentUserId(-1),
@@ -69,6 +105,9 @@ Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool deb
 
 Kelosdk::~Kelosdk()
 {
+    // A host may delete this object from a slot of any of its signals, while a request object
+    // is inside its own signal: nothing is deleted here, everything leaves with deleteLater().
+    d->abandonAll(this);
     delete d;
 }
 
@@ -144,8 +183,9 @@ void Kelosdk::requestFailed(QObject* request, quint32 bit, int code, const QStri
 {
     log(QStringLiteral("KELOSDK>> Network error, err=%1, msg=%2").arg(code).arg(message));
     release(bit);
+    d->settle(request);
+    // Last: the host may delete this object from its slot.
     emit networkError(code, message);
-    request->deleteLater();
 }
 
 void Kelosdk::fillAndGet(HttpBase* request, const char* path, const QString& cm, const QString& dt)
@@ -161,10 +201,12 @@ void Kelosdk::sendGet(quint32 bit, const char* path, const QString& cm, const QS
 {
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
     request->setMaxReplySize(d->maxReplyBytes);
+    d->track(request);
     connect(request, &HttpBase::done, this, [this, request, bit, onReply](const QVariant& data) {
         release(bit);
+        d->settle(request);
+        // Last: it emits the result, and the host may delete this object from its slot.
         onReply(data.toString());
-        request->deleteLater();
     });
     wireError(request, bit);
     fillAndGet(request, path, cm, dt);
@@ -173,6 +215,9 @@ void Kelosdk::sendGet(quint32 bit, const char* path, const QString& cm, const QS
 void Kelosdk::onNetworkError(int error, const QString& message)
 {
     log(QStringLiteral("KELOSDK>> Network error=%1, msg=%2").arg(error).arg(message));
+    // The host gave up on everything in flight: a late answer of an abandoned request must not
+    // drive a newer request of its kind, nor reach the host after this networkError.
+    d->abandonAll(this);
     busyFlags = 0;
     emit networkError(error, message);
 }
@@ -246,6 +291,7 @@ void Kelosdk::foodsRequest()
         return;
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
     request->setMaxReplySize(d->maxReplyBytes);
+    d->track(request);
     connect(request, SIGNAL(done(QVariant)), this, SLOT(onFoodsReadyDownload(QVariant)),
             Qt::UniqueConnection);
     connect(request, SIGNAL(done(QVariant)), request, SLOT(deleteLater()));
@@ -257,17 +303,18 @@ void Kelosdk::foodsRequest()
 void Kelosdk::onFoodsReadyDownload(const QVariant& data)
 {
     log(QStringLiteral("KELOSDK>> Foods data content dowloading ..."));
+    // The menu request's answer (a host may also hand a reply in itself, with no request).
+    d->settle(sender());
     auto* manager = new CDownloadFileMan(debugLog, nullptr);
     manager->setMaxFileSize(d->maxPictureBytes);
+    // Should this object go first, or the host give up, the run is abandoned with the rest.
+    d->track(manager);
     connect(manager, &CDownloadFileMan::NotifyComplete, this, [this, manager](const QString& text) {
         log(QStringLiteral("KELOSDK>> Food request done!"));
         release(BusyMenu);
+        d->settle(manager);
         emit foodsRequestDone(text);
-        manager->deleteLater();
     });
-    // The manager has no parent; should this object go first, the manager goes with it
-    // instead of running on unobserved.
-    connect(this, &QObject::destroyed, manager, &QObject::deleteLater);
 
     // The manager pairs its list with the stored text by position: both must be this reply.
     const QString reply = data.toString();
@@ -367,12 +414,7 @@ HttpBase2* Kelosdk::newTransferRequest()
     auto* request =
         new HttpBase2(QUrl(QStringLiteral("%1/kelo/api/invoice/").arg(httpsBase)), this, false);
     request->setMaxReplySize(d->maxReplyBytes);
-    d->transferRequest = request;
-    // The object is released by deleteLater() from its handlers; never reuse a stale pointer.
-    connect(request, &QObject::destroyed, this, [this, request] {
-        if (d->transferRequest == request)
-            d->transferRequest = nullptr;
-    });
+    d->track(request);
     // A transport error on the session or on the "create" that reuses this object.
     connect(request, &HttpBase2::error, this,
             [this, request](const int& code, const QString& message) {
@@ -398,7 +440,9 @@ void Kelosdk::transPermisionRequest(int paytype, long money, const QString& desc
                 // A refused session emits nothing and keeps bit 2 until a cancel, a transport
                 // error or onNetworkError frees it.
                 if (code == 0 && paytype == 1)
-                    tumipayTransfers(sesId, money, description, itemDetail);
+                    sendCreate(request, sesId, money, description, itemDetail);
+                else // the chain ends here: the object has nothing more to carry
+                    d->settle(request);
             });
     request->addParameter(QStringLiteral("cm"), QStringLiteral("get_session"), true);
     request->addParameter(QStringLiteral("dt"), Libcmn::formatSession(merchantId, clientUuid),
@@ -409,11 +453,14 @@ void Kelosdk::transPermisionRequest(int paytype, long money, const QString& desc
 void Kelosdk::tumipayTransfers(const QString& sesId, long money, const QString& description,
                                const QString& itemDetail)
 {
-    // Called by a host directly, without a session request before it: make the object the
-    // session request would have made, so that the call cannot touch a missing one.
-    if (!d->transferRequest)
-        newTransferRequest();
-    HttpBase2* request = d->transferRequest;
+    // A host's own call, with a session it holds: a request object of its own. The chain of
+    // tumipayRequest sends its "create" on the object that fetched its session (sendCreate).
+    sendCreate(newTransferRequest(), sesId, money, description, itemDetail);
+}
+
+void Kelosdk::sendCreate(HttpBase2* request, const QString& sesId, long money,
+                         const QString& description, const QString& itemDetail)
+{
     request->setProperty(CreateSent, true);
     connect(request, SIGNAL(done(QVariant)), this, SLOT(onTumipayQRInvoiceCode(QVariant)),
             Qt::UniqueConnection);
@@ -434,6 +481,8 @@ void Kelosdk::tumipayTransfers(const QString& sesId, long money, const QString& 
 
 void Kelosdk::onTumipayQRInvoiceCode(const QVariant& data)
 {
+    // The "create" request's answer (a host may also hand a reply in itself, with no request).
+    d->settle(sender());
     const QString reply = data.toString();
     log(QStringLiteral("KELOSDK>> Tumipay respone, data=") + reply);
     QString msg;

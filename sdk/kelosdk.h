@@ -22,6 +22,10 @@ class KelosdkPrivate;
  * QNetworkReply::NetworkError value and Qt's text. The object opens the notification channel in
  * its constructor and reports its state through cloudConnectionChange().
  *
+ * The host may delete the object from a slot of any of its signals, with delete or deleteLater().
+ * Requests still out and a menu's picture download are then abandoned: none of their answers is
+ * reported, and they are released on the next pass of the event loop.
+ *
  * The server host is compiled in; a non-empty environment variable KELO_SERVER_HOST (host or
  * host:port) replaces it for objects constructed afterwards. TLS uses Qt's default
  * configuration: a host that talks to a server with a private certificate authority adds that
@@ -127,7 +131,9 @@ public Q_SLOTS:
     void paymentRequest(int tableId, int amount);
     /// Handles a text frame of the notification channel.
     void wssNotify(const QString& message);
-    /// Frees every request kind at once and forwards the error as networkError().
+    /// The host gives up: every request still out (and a menu's picture download) is abandoned,
+    /// so that no late answer of theirs is ever reported nor drives a newer request; every kind
+    /// is free at once, and the error is forwarded as networkError().
     void onNetworkError(int error, const QString& message);
     /// First step of the invoice chain: the invoice session request.
     void transPermisionRequest(int paytype, long money, const QString& description,
@@ -167,6 +173,9 @@ private:
     // The common error handler of a flow, clearing @p bit.
     void wireError(HttpBase* request, quint32 bit);
     void requestFailed(QObject* request, quint32 bit, int code, const QString& message);
-    // The e-wallet chain's request object (kept in d->transferRequest) with its error handler.
+    // A request object of the e-wallet chain, with its error handler.
     HttpBase2* newTransferRequest();
+    // The chain's second step, the signed "create", on @p request.
+    void sendCreate(HttpBase2* request, const QString& sesId, long money,
+                    const QString& description, const QString& itemDetail);
 };

@@ -3,3 +3,4 @@
 kelo_add_test(kelosdk)
 kelo_add_test(kelosdk_login)
 kelo_add_test(kelosdk_payment)
+kelo_add_test(kelosdk_lifetime)

@@ -1,11 +1,14 @@
 // The SDK object itself: its device and notification channel, each request kind's wire form and
 // busy guard, logging, lifetime. Login and payment flows: tst_kelosdk_login and _payment;
 // transport faults: tst_faultmatrix.
+#include "httpbase.h"
 #include "kelosdkfixture.h"
 #include "logcapture.h"
 #include "sdkkinds.h"
 #include "signalrecorder.h"
 
+#include <QFile>
+#include <QPointer>
 #include <QRegularExpression>
 
 namespace {
@@ -14,6 +17,20 @@ const QByteArray kLoginReply = R"({"dt":{"staff_id":4,"staff_name":"Anna"},"err"
 // The menu reply travels through the picture cache; an empty list comes back as it went.
 const QByteArray kEmptyMenu = R"({"dt":{"items":[],"last_update":5},"err":0,"msg":"ok"})";
 const QRegularExpression kHex32(QStringLiteral("^[0-9a-f]{32}$"));
+
+QByteArray menuWithPicture(SdkFixture& f)
+{
+    return QStringLiteral(
+               R"({"dt":{"img_host":"%1","items":[{"img_crc":"1700000000123","img_path":"/pics/7.png","item_id":7}],"last_update":1},"err":0})")
+        .arg(f.cloud.baseUrl())
+        .toUtf8();
+}
+
+QString cachedPicture()
+{
+    return QStandardPaths::standardLocations(QStandardPaths::DataLocation).value(0) +
+           QStringLiteral("/images/7.png");
+}
 
 } // namespace
 
@@ -28,6 +45,8 @@ private Q_SLOTS:
     void sendsEachKindOneAtATime_data();
     void sendsEachKindOneAtATime();
     void menuStaysBusyUntilThePicturesAreThrough();
+    void lateAnswersAfterAResetAreNotReported_data();
+    void lateAnswersAfterAResetAreNotReported();
     void logsOnlyWhenAskedAndSignalsAlike();
     void outlivedByItsNotificationClient(); // last: it drops every socket of the cloud
 
@@ -84,6 +103,7 @@ void TestKelosdk::sendsEachKindOneAtATime()
     QFETCH(QString, dt);
     const SdkKind& k = sdkKind(kind);
 
+    QFile::remove(cachedPicture());
     Kelosdk& sdk = f.newSdk();
     f.cloud->scriptReply(k.path, k.cm, replyWith(kEmptyMenu), 2);
     SignalRecorder seen(&sdk, {"cloudConnectionChange"});
@@ -113,13 +133,10 @@ void TestKelosdk::sendsEachKindOneAtATime()
 
 void TestKelosdk::menuStaysBusyUntilThePicturesAreThrough()
 {
+    QFile::remove(cachedPicture()); // fetched afresh
     Kelosdk& sdk = f.newSdk();
-    const QByteArray menu =
-        QStringLiteral(
-            R"({"dt":{"img_host":"%1","items":[{"img_crc":"1700000000123","img_path":"/pics/7.png","item_id":7}],"last_update":1},"err":0})")
-            .arg(f.cloud.baseUrl())
-            .toUtf8();
-    f.cloud->scriptReply("/kelo/api/item/", QStringLiteral("getlist"), replyWith(menu));
+    f.cloud->scriptReply("/kelo/api/item/", QStringLiteral("getlist"),
+                         replyWith(menuWithPicture(f)));
     f.cloud->scriptReply("/pics/7.png", QString(), faultReply(CloudReply::Fault::NeverAnswer));
     SignalRecorder seen(&sdk, {"cloudConnectionChange"});
 
@@ -133,8 +150,11 @@ void TestKelosdk::menuStaysBusyUntilThePicturesAreThrough()
     sdk.foodOrderRequest({});
     QVERIFY(seen["foodOrderRequestDone"].wait(kWait));
 
-    // Only the host's reset ends a download that never finishes.
+    // Only the host's reset ends a download that never finishes, and its empty file with it.
+    QVERIFY(QFile::exists(cachedPicture()));
     sdk.onNetworkError(99, QStringLiteral("host gave up"));
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); // the run is released
+    QVERIFY(!QFile::exists(cachedPicture()));
     f.cloud->scriptReply("/kelo/api/item/", QStringLiteral("getlist"), replyWith(kEmptyMenu));
     sdk.foodsRequest();
     QVERIFY(seen["foodsRequestDone"].wait(kWait));
@@ -142,6 +162,64 @@ void TestKelosdk::menuStaysBusyUntilThePicturesAreThrough()
     QCOMPARE(seen.fired(), (QStringList{"networkError x1", "keloappError x1", "foodsRequestDone x1",
                                         "foodOrderRequestDone x1"}));
     QCOMPARE(f.cloud->exchanges("/kelo/api/item/", QStringLiteral("getlist")).size(), 2);
+}
+
+void TestKelosdk::lateAnswersAfterAResetAreNotReported_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<bool>("picture"); // the late answer is the menu's picture
+    for (const char* kind :
+         {"login", "menu", "food order", "tables", "table foods", "merge", "payment"})
+        QTest::newRow(kind) << QByteArray(kind) << false;
+    QTest::newRow("menu picture") << QByteArray("menu") << true;
+}
+
+// The host gives up (onNetworkError) while an answer is late, and asks again: the late answer
+// (sent before the new one) is never reported, the new one is, once; the abandoned request object
+// is freed, and an abandoned picture run leaves no file.
+void TestKelosdk::lateAnswersAfterAResetAreNotReported()
+{
+    QFETCH(QByteArray, kind);
+    QFETCH(bool, picture);
+    const SdkKind& k = sdkKind(kind);
+    const auto answer = [](const char* msg, int delayMs) {
+        CloudReply reply =
+            replyWith(QStringLiteral(R"({"dt":{"items":[],"last_update":5},"err":0,"msg":"%1"})")
+                          .arg(QLatin1String(msg))
+                          .toUtf8());
+        reply.delayMs = delayMs;
+        return reply;
+    };
+
+    QFile::remove(cachedPicture());
+    Kelosdk& sdk = f.newSdk();
+    f.cloud->scriptReply(k.path, k.cm,
+                         picture ? replyWith(menuWithPicture(f)) : answer("old", 300));
+    f.cloud->scriptReply(k.path, k.cm, answer("new", 1000));
+    CloudReply latePicture = replyWith("picture");
+    latePicture.delayMs = 300;
+    f.cloud->scriptReply("/pics/7.png", QString(), latePicture);
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+    k.call(sdk);
+    QPointer<HttpBase> abandoned = sdk.findChild<HttpBase*>();
+    QVERIFY(abandoned);
+    QSignalSpy aborted(abandoned, SIGNAL(error(int, QString)));
+    QVERIFY(picture ? f.waitExchanges("/pics/7.png", QString(), 1)
+                    : f.waitExchanges(k.path, k.cm, 1));
+    sdk.onNetworkError(99, QStringLiteral("host gave up"));
+    // At once, not on the next pass of the event loop (which a host's modal dialog may hold off).
+    QCOMPARE(aborted.size(), picture ? 0 : 1);
+    k.call(sdk);
+
+    QVERIFY(seen[k.done].wait(kWait));
+    const QString fresh = QString::fromUtf8(answer("new", 0).body);
+    QCOMPARE(seen[k.done].constFirst(),
+             (kind == "login" ? QVariantList{0, "new"} : QVariantList{fresh}));
+    QCOMPARE(seen["networkError"].constFirst(), (QVariantList{99, "host gave up"}));
+    QCOMPARE(seen.fired(), (QStringList{"networkError x1", k.done + " x1"}));
+    QCOMPARE(f.cloud->exchanges(k.path, k.cm).size(), 2);
+    QTRY_VERIFY_WITH_TIMEOUT(abandoned.isNull(), kWait);
+    QVERIFY(!QFile::exists(cachedPicture()));
 }
 
 // A short day that passes through every log line of the object (the menu with no pictures), each

@@ -5,6 +5,7 @@
 #include "sdkkinds.h"
 #include "signalrecorder.h"
 
+#include <QPointer>
 #include <QRegularExpression>
 
 namespace {
@@ -38,6 +39,8 @@ private Q_SLOTS:
     void createReplyEndsTheChain_data();
     void createReplyEndsTheChain();
     void otherPaytypesStopAtTheSession();
+    void lateAnswerAfterAResetStaysWithItsInvoice_data();
+    void lateAnswerAfterAResetStaysWithItsInvoice();
     void cancelOfTheOpenInvoiceOnly();
 
 private:
@@ -224,9 +227,67 @@ void TestPaymentFlows::otherPaytypesStopAtTheSession()
     sdk.transPermisionRequest(2, 5, QStringLiteral("d"), QStringLiteral("i"));
     auto* request = sdk.findChild<HttpBase2*>();
     QVERIFY(request);
+    QSignalSpy released(request, SIGNAL(destroyed(QObject*)));
     QVERIFY(QSignalSpy(request, SIGNAL(done(QVariant))).wait(kWait));
+    QVERIFY(released.wait(kWait)); // the chain ends there, and its request object with it
     QCOMPARE(seen.fired(), QStringList());
     QCOMPARE(f.cloud->exchanges("/kelo/api/invoice/").size(), 1);
+}
+
+void TestPaymentFlows::lateAnswerAfterAResetStaysWithItsInvoice_data()
+{
+    QTest::addColumn<QString>("late"); // the step whose answer is late
+    QTest::addColumn<int>("creates");  // "create" requests the server receives
+    QTest::newRow("session") << QStringLiteral("get_session") << 1;
+    QTest::newRow("create") << QStringLiteral("create") << 2;
+}
+
+// The host gives up (onNetworkError) on an invoice whose answer is late and asks for another: the
+// late answer never drives the new invoice's chain (no "create" of the old invoice, no
+// keloappError(-1)) nor reaches the host, and the old request object is freed.
+void TestPaymentFlows::lateAnswerAfterAResetStaysWithItsInvoice()
+{
+    QFETCH(QString, late);
+    QFETCH(int, creates);
+    const QByteArray newInvoice = R"({"dt":{"invoice_code":"N1","qr":"new"},"err":0,"msg":"ok"})";
+    const auto answer = [](const QByteArray& body, int delayMs) {
+        CloudReply reply = replyWith(body);
+        reply.delayMs = delayMs;
+        return reply;
+    };
+
+    Kelosdk& sdk = f.newSdk();
+    const QByteArray path = "/kelo/api/invoice/";
+    const bool lateSession = late == QLatin1String("get_session");
+    // The old invoice's answer comes 300 ms after its request, the new one's 1 s after its own.
+    f.cloud->scriptReply(path, QStringLiteral("get_session"),
+                         answer(kSession, lateSession ? 300 : 0));
+    f.cloud->scriptReply(path, QStringLiteral("get_session"),
+                         answer(kSession, lateSession ? 1000 : 0));
+    if (!lateSession)
+        f.cloud->scriptReply(path, QStringLiteral("create"), answer(kInvoiceReply, 300));
+    f.cloud->scriptReply(path, QStringLiteral("create"), answer(newInvoice, lateSession ? 0 : 1000),
+                         2);
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+    sdk.tumipayRequest(5, QStringLiteral("Old"), QStringLiteral("i"));
+    QPointer<HttpBase2> abandoned = sdk.findChild<HttpBase2*>();
+    QVERIFY(abandoned);
+    QVERIFY(f.waitExchanges(path, late, 1));
+    sdk.onNetworkError(99, QStringLiteral("host gave up"));
+    sdk.tumipayRequest(7, QStringLiteral("New"), QStringLiteral("i"));
+
+    QVERIFY(seen["tumiQRInvoiceCode"].wait(kWait));
+    QCOMPARE(seen["tumiQRInvoiceCode"].constFirst(), QVariantList{QString::fromUtf8(newInvoice)});
+    QCOMPARE(seen.fired(), (QStringList{"networkError x1", "tumiQRInvoiceCode x1"}));
+    const QList<CloudExchange> sent = f.cloud->exchanges(path, QStringLiteral("create"));
+    QCOMPARE(sent.size(), creates);
+    QVERIFY(sent.constLast()
+                .param(QStringLiteral("dt"))
+                .contains(QLatin1String(R"("description":"New")")));
+    QTRY_VERIFY_WITH_TIMEOUT(abandoned.isNull(), kWait);
+    // The open invoice is the new one: the old code is unknown to a cancel.
+    sdk.tumipayCancel(kInvoiceCode);
+    QCOMPARE(seen["keloappError"].constLast(), notExisted(kInvoiceCode));
 }
 
 // A cancel takes the open invoice's code only, frees the invoice kind at once and forgets the
