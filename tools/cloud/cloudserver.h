@@ -185,6 +185,10 @@ public:
     /// counts them from its own answers and markInvoicePaid()).
     int openInvoiceCount() const;
 
+    /// Bytes of streamed bodies (CloudReply::streamBytes) written to clients so far, counted as
+    /// each piece is taken by the connection; it stops growing when a client goes away.
+    qint64 streamedBytes() const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> d;
