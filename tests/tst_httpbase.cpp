@@ -271,7 +271,8 @@ private Q_SLOTS:
                      QStringList("\"//error:299, msg:" + outcome.mid(10) + '"'));
             if (reply.streamBytes <= 0)
                 return;
-            // The connection is closed: the server stops well short of the whole answer.
+            // The connection is closed: the server stops well short of the 200 MB (what it wrote
+            // before includes what the sockets' buffers took).
             qint64 sent = cloud->streamedBytes();
             QTRY_VERIFY_WITH_TIMEOUT(
                 [&] {
@@ -281,8 +282,29 @@ private Q_SLOTS:
                     return sent == before;
                 }(),
                 20000);
-            QVERIFY2(sent - sentBefore < qMax(reply.streamBytes / 2, 2 * kDefaultCap),
-                     QByteArray::number(sent - sentBefore));
+            QVERIFY2(sent - sentBefore < 4 * kDefaultCap, QByteArray::number(sent - sentBefore));
+        });
+    }
+    // An owner may delete the request object (and with it the reply) from its error handler
+    // outright, also when the answer was aborted for its size while Qt was delivering it.
+    void ownerDeletesOnRefusal()
+    {
+        forKind([this](auto tag) {
+            using R = KIND(tag);
+            CloudReply reply;
+            reply.streamBytes = 4 * kDefaultCap;
+            reply.chunked = true;
+            cloud->scriptReply("/transport/x", QString(), reply);
+            QPointer<R> request = new R(cloud.url("/transport/x"), nullptr, false);
+            request->setMaxReplySize(1000);
+            QSignalSpy error(request.data(), &R::error);
+            connect(request.data(), &R::error, request.data(), [&request] { delete request; });
+            QPointer<QNetworkReply> answer = request->process(HTTP_GET);
+            QTRY_VERIFY(request.isNull());
+            QVERIFY(answer.isNull());
+            QCOMPARE(error.size(), 1);
+            QCOMPARE(error.constFirst().constFirst().toInt(), 299);
+            QTest::qWait(50); // Qt's own signals of the aborted reply would land here
         });
     }
     // What the object adds to a request by itself (half a credential pair is none), and requests
