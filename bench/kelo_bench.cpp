@@ -5,6 +5,7 @@
 //   kelo_bench [--json FILE] [--callgrind-counts SDK BASE] [--lib-size BYTES]
 //              [--lib-size-armhf BYTES] [--idle-seconds N]
 //   kelo_bench --only menu                     (the menu sync alone, for a profiler)
+//   kelo_bench --only reply-cap                (the refused 200 MB answer alone)
 //   kelo_bench --callgrind sdk|baseline|none   (one catalogue rewrite, for valgrind)
 
 #include "cdownloadfileman.h"
@@ -576,7 +577,84 @@ public:
                    median(times), -1);
     }
 
+    /// Peak resident memory growth while the SDK refuses a 200 MB answer streamed in chunks
+    /// (no Content-Length to refuse it on): the reply cap must bound what is buffered.
+    Row refusedHugeAnswer()
+    {
+        constexpr qint64 kHuge = 200LL * 1024 * 1024;
+        kelocloud::CloudReply huge;
+        huge.streamBytes = kHuge;
+        huge.chunked = true;
+        cloud.scriptReply("/kelo/api/table/", QStringLiteral("getlist"), huge);
+        int code = 0;
+        bool answered = false;
+        auto failed = QObject::connect(sdk.get(), &Kelosdk::networkError,
+                                       [&](int error, const QString&) { code = error; });
+        auto done = QObject::connect(sdk.get(), &Kelosdk::tableRequestDone,
+                                     [&](const QString&) { answered = true; });
+        // The kernel's peak (VmHWM) is reset first where it can be; otherwise it is sampled.
+        const bool kernelPeak = resetPeakRss();
+        const double before = residentBytes("VmRSS:");
+        double sampled = before;
+        QTimer sample;
+        QObject::connect(&sample, &QTimer::timeout,
+                         [&] { sampled = std::max(sampled, residentBytes("VmRSS:")); });
+        sample.start(2);
+        const qint64 sentBefore = cloud.streamedBytes();
+        sdk->tableRequest();
+        if (!waitFor([&] { return code != 0 || answered; }, 120000))
+            qWarning("the 200 MB answer did not end");
+        const double peak = kernelPeak ? residentBytes("VmHWM:") : sampled;
+        QObject::disconnect(failed);
+        QObject::disconnect(done);
+        if (code != 299 || answered)
+            qWarning("the 200 MB answer ended in %s %d", answered ? "done" : "error", code);
+        const double sent = double(cloud.streamedBytes() - sentBefore);
+
+        // The baseline: a bare GET of the same answer, which Qt buffers whole.
+        const QUrl url = requestUrl("/kelo/api/table/", QStringLiteral("getlist"));
+        cloud.scriptReply("/kelo/api/table/", QStringLiteral("getlist"), huge);
+        const bool bareKernelPeak = resetPeakRss();
+        const double bareBefore = residentBytes("VmRSS:");
+        sampled = bareBefore;
+        {
+            QNetworkAccessManager nam;
+            std::unique_ptr<QNetworkReply> reply(nam.get(QNetworkRequest(url)));
+            waitFor([&] { return reply->isFinished(); }, 120000);
+        }
+        const double barePeak = bareKernelPeak ? residentBytes("VmHWM:") : sampled;
+
+        Row r = row(QStringLiteral("9 peak RSS growth, 200 MB answer refused"),
+                    QStringLiteral("MB"), std::max(0.0, peak - before) / (1024 * 1024),
+                    std::max(0.0, barePeak - bareBefore) / (1024 * 1024),
+                    QStringLiteral("sdk <= 12 (cap + 4)"), false, 12);
+        r.note = QStringLiteral("server sent %1 MB to the SDK before the connection closed")
+                     .arg(sent / (1024 * 1024), 0, 'f', 1);
+        std::fprintf(stderr, "bench: %s\n", qPrintable(r.note));
+        return r;
+    }
+
 private:
+    /// Resets the process's peak resident size (Linux 4.0 and later); false if it cannot.
+    static bool resetPeakRss()
+    {
+        QFile file(QStringLiteral("/proc/self/clear_refs"));
+        return file.open(QIODevice::WriteOnly) && file.write("5") == 1;
+    }
+
+    /// A "VmRSS:" or "VmHWM:" figure of /proc/self/status, in bytes.
+    static double residentBytes(const char* field)
+    {
+        QFile status(QStringLiteral("/proc/self/status"));
+        if (!status.open(QIODevice::ReadOnly))
+            return 0;
+        for (const QByteArray& line : status.readAll().split('\n'))
+            if (line.startsWith(field))
+                return line.mid(int(qstrlen(field))).trimmed().split(' ').value(0).toDouble() *
+                       1024;
+        return 0;
+    }
+
     kelocloud::CloudServer& cloud;
     std::unique_ptr<Kelosdk> sdk;
     bool connected = false;
@@ -621,6 +699,11 @@ int main(int argc, char** argv)
         printTable(bench.menuSync());
         return 0;
     }
+    // --only reply-cap: the refused 200 MB answer alone
+    if (option("--only") == QLatin1String("reply-cap")) {
+        printTable({bench.refusedHugeAnswer()});
+        return 0;
+    }
     phase("menu sync");
     rows += bench.menuSync();
     phase("round trip");
@@ -640,6 +723,8 @@ int main(int argc, char** argv)
     rows += bench.idle(idleSeconds);
     phase("reconnect");
     rows += bench.reconnect();
+    phase("reply cap");
+    rows += bench.refusedHugeAnswer();
     if (!option("--lib-size").isEmpty())
         rows += row(QStringLiteral("8 stripped libkelo.so.1 x86-64"), QStringLiteral("KB"),
                     option("--lib-size").toDouble() / 1024, -1);

@@ -21,8 +21,11 @@ class QIODevice;
  *
  * Construct it, set the URL and parameters, connect done() and error(), then call process().
  * Every started request ends in exactly one of done() (the raw body as a QByteArray inside the
- * QVariant) or error() (the QNetworkReply::NetworkError value and Qt's error text). The HTTP
- * status is never read: an error status arrives as error(), e.g. 203 for a 404 answer. The object
+ * QVariant) or error() (the QNetworkReply::NetworkError value and Qt's error text). An error
+ * status arrives as error(), e.g. 203 for a 404 answer. Two answers are refused rather than
+ * delivered: a redirect (3xx, never followed) ends in error(10, "server answered HTTP 302 (a
+ * redirect), which is not followed"), and an answer longer than maxReplySize() is aborted as soon
+ * as that shows and ends in error(299, "reply larger than the limit of 8388608 bytes"). The object
  * never deletes itself; its owner releases it with deleteLater() from the done/error handlers.
  * TLS uses Qt's default configuration; nothing is relaxed.
  */

@@ -100,7 +100,58 @@ template <class Owner> struct HttpRequest
         // With put(nullptr) the reply is null: Qt warns about the null sender and no signal
         // will ever come, which is what a caller passing no stream gets.
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
+        if (owner.reply)
+            watchSize(owner, owner.reply, maxReplySize(owner));
         return owner.reply;
+    }
+
+    // Marks a reply that was aborted for being longer than the cap; holds the cap.
+    static constexpr char TooLargeProperty[] = "_kelo_tooLarge";
+
+    // Qt buffers the whole answer until it has finished, so the cap is watched while it comes:
+    // as soon as the announced length or the bytes received pass it, the transfer is aborted
+    // (which closes the connection, so the server stops sending too).
+    static void watchSize(Owner& owner, QNetworkReply* reply, qint64 cap)
+    {
+        if (cap <= 0)
+            return;
+        const auto check = [&owner, reply, cap] {
+            if (reply->property(TooLargeProperty).isValid())
+                return;
+            const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
+            if (reply->bytesAvailable() <= cap &&
+                (!announced.isValid() || announced.toLongLong() <= cap))
+                return;
+            reply->setProperty(TooLargeProperty, cap);
+            // abort() emits finished() at once, inside Qt's own signal emission; the outcome
+            // is reported from the event loop instead, where a handler may delete the owner
+            // (and with it this reply) safely.
+            QObject::disconnect(reply, &QNetworkReply::finished, &owner, &Owner::finished);
+            reply->abort();
+            QMetaObject::invokeMethod(
+                &owner, [&owner] { owner.finished(); }, Qt::QueuedConnection);
+        };
+        QObject::connect(reply, &QNetworkReply::metaDataChanged, &owner, check);
+        QObject::connect(reply, &QNetworkReply::readyRead, &owner, check);
+    }
+
+    // The outcome of a finished reply that is not the answer asked for, or an empty text.
+    static QString refusal(const QNetworkReply& reply, int* code)
+    {
+        const QVariant cap = reply.property(TooLargeProperty);
+        if (cap.isValid()) {
+            *code = kelo_limits::ReplyTooLargeError;
+            return QStringLiteral("reply larger than the limit of %1 bytes").arg(cap.toLongLong());
+        }
+        // Qt does not follow redirects here, so a 3xx ends without an error. It is never the
+        // cloud's answer: typically a captive portal sending the terminal to its login page.
+        const int status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (reply.error() == QNetworkReply::NoError && status >= 300 && status < 400) {
+            *code = kelo_limits::RedirectRefusedError;
+            return QStringLiteral("server answered HTTP %1 (a redirect), which is not followed")
+                .arg(status);
+        }
+        return QString();
     }
 
     // Qt's error text for an HTTP error status quotes the whole request URL, and a GET carries its
@@ -127,9 +178,11 @@ template <class Owner> struct HttpRequest
 
         // A handler may destroy the owner, and with it the reply, while the signal is emitted.
         const QPointer<QNetworkReply> alive(reply);
-        if (reply->error() != QNetworkReply::NoError) {
-            const int code = reply->error();
-            const QString message = errorTextWithoutSecrets(*reply);
+        int refused = 0;
+        const QString refusedText = refusal(*reply, &refused);
+        if (refused != 0 || reply->error() != QNetworkReply::NoError) {
+            const int code = refused != 0 ? refused : int(reply->error());
+            const QString message = refused != 0 ? refusedText : errorTextWithoutSecrets(*reply);
             qCritical() << QStringLiteral("//error:%1, msg:%2").arg(QString::number(code), message);
             emit owner.error(code, message);
         } else {

@@ -63,6 +63,15 @@ const QList<Fault>& faults()
             "SSL handshake failed");
         add("garbage body", 200, kGarbage, F::None, 1, 0, "");
         add("empty body", 200, "", F::None, 1, 0, "");
+        // A captive portal sends every request to its login page; an empty answer must not
+        // pass for the cloud's (the merge would call it a success).
+        add("redirect (captive portal)", 302, "", F::None, 1, 10,
+            "server answered HTTP 302 (a redirect), which is not followed");
+        all.last().answer.headers = {{"Location", "https://127.0.0.1:1/portal"}};
+        add("oversized answer", 200, "", F::None, 1, 299,
+            "reply larger than the limit of 8388608 bytes");
+        all.last().answer.streamBytes = 8 * 1024 * 1024 + 1; // one byte over the default cap
+        all.last().answer.chunked = true;
         return all;
     }();
     return list;

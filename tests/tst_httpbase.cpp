@@ -15,6 +15,9 @@ using Pairs = QList<QPair<QString, QString>>;
 Q_DECLARE_METATYPE(HTTP_PROCESS)
 Q_DECLARE_METATYPE(CloudReply)
 
+/// The documented default cap on an answer's body.
+constexpr qint64 kDefaultCap = 8 * 1024 * 1024;
+
 namespace {
 
 /// One request object with spies on both outcome signals.
@@ -127,6 +130,16 @@ private Q_SLOTS:
             QByteArray("done a\0\xff", 8), CloudReply{201, {"a\0\xff", 3}, {}, 0, {}});
         row("cancelled", HTTP_GET, "/transport/x", secret, "GET /transport/x?p=s3cret [] ",
             "error 5 Operation canceled", CloudReply{0, {}, {}, 0, CloudReply::Fault::NeverAnswer});
+        // Qt does not follow redirects here: the 3xx itself ends the request, whatever its body.
+        for (int status : {301, 302, 303, 307, 308})
+            for (const QByteArray& body : {QByteArray(), QByteArray(R"({"err":0})")}) {
+                const QByteArray name = "HTTP " + QByteArray::number(status) +
+                                        (body.isEmpty() ? ", empty body" : ", JSON body");
+                row(name, HTTP_GET, "/transport/x", secret, "GET /transport/x?p=s3cret [] ",
+                    "error 10 server answered HTTP " + QByteArray::number(status) +
+                        " (a redirect), which is not followed",
+                    CloudReply{status, body, {{"Location", "https://127.0.0.1:1/portal"}}, 0, {}});
+            }
         row("connection refused", HTTP_GET, "/transport/x", secret, "",
             "error 1 Connection refused", {}, "refused");
         row("server not trusted", HTTP_GET, "/transport/x", secret, "",
@@ -186,6 +199,112 @@ private Q_SLOTS:
             QCOMPARE(log.lines(QtCriticalMsg),
                      text.startsWith("error") ? QStringList(critical) : QStringList());
             QCOMPARE(log.lines(QtDebugMsg), QStringList());
+        });
+    }
+    // The cap on the answer's body: the request ends in error(299) as soon as the announced
+    // length or the bytes received pass it; an answer exactly at the cap, or any answer with the
+    // cap removed, is delivered whole.
+    void replyCap_data()
+    {
+        QTest::addColumn<qint64>("cap"); // -1: the default
+        QTest::addColumn<CloudReply>("reply");
+        QTest::addColumn<QByteArray>("outcome"); // "done <size>" or "error <code> <text>"
+        const qint64 mib = 1024 * 1024, def = kDefaultCap;
+        const QByteArray overDefault = "error 299 reply larger than the limit of 8388608 bytes";
+        const QByteArray over1000 = "error 299 reply larger than the limit of 1000 bytes";
+        const auto streamed = [](qint64 bytes, bool chunked) {
+            CloudReply reply;
+            reply.streamBytes = bytes;
+            reply.chunked = chunked;
+            return reply;
+        };
+        QTest::newRow("at the default cap")
+            << qint64(-1) << streamed(def, false) << QByteArray("done 8388608");
+        QTest::newRow("at a set cap, chunked")
+            << qint64(1000) << streamed(1000, true) << QByteArray("done 1000");
+        QTest::newRow("one byte over, Content-Length")
+            << qint64(1000) << streamed(1001, false) << over1000;
+        // The server announces 1500 bytes and sends 750 before it resets: refused on the header.
+        QTest::newRow("announced over, refused before the body")
+            << qint64(1000)
+            << CloudReply{200, QByteArray(1500, 'x'), {}, 0, CloudReply::Fault::ResetMidBody}
+            << over1000;
+        QTest::newRow("one byte over, chunked") << qint64(1000) << streamed(1001, true) << over1000;
+        QTest::newRow("just over the default, chunked")
+            << qint64(-1) << streamed(def + 1, true) << overDefault;
+        QTest::newRow("200 MB, Content-Length")
+            << qint64(-1) << streamed(200 * mib, false) << overDefault;
+        QTest::newRow("200 MB, chunked") << qint64(-1) << streamed(200 * mib, true) << overDefault;
+        QTest::newRow("cap removed, 12 MB")
+            << qint64(0) << streamed(12 * mib, true) << QByteArray("done 12582912");
+        QTest::newRow("404 over the cap")
+            << qint64(1000) << CloudReply{404, QByteArray(5000, 'x'), {}, 0, {}} << over1000;
+    }
+    void replyCap()
+    {
+        forKind([this](auto tag) {
+            QFETCH(qint64, cap);
+            QFETCH(CloudReply, reply);
+            QFETCH(QByteArray, outcome);
+            cloud->scriptReply("/transport/x", QString(), reply);
+            LogCapture log;
+            Exchange<KIND(tag)> exchange(cloud.url("/transport/x"));
+            QCOMPARE(exchange.request.maxReplySize(), kDefaultCap);
+            if (cap >= 0)
+                exchange.request.setMaxReplySize(cap);
+            exchange.request.addParameter("p", "s3cret", true);
+            const qint64 sentBefore = cloud->streamedBytes();
+            QVERIFY(exchange.request.process(HTTP_GET));
+            QVERIFY(exchange.ended());
+            QCoreApplication::processEvents(); // a second signal would have come by now
+            if (!exchange.done.isEmpty()) {
+                const QByteArray body = exchange.done.constFirst().constFirst().toByteArray();
+                QCOMPARE(body.count('k') + body.count('x'), body.size());
+                QCOMPARE(exchange.done.size(), 1);
+                QCOMPARE(exchange.error.size(), 0);
+                QCOMPARE("done " + QByteArray::number(body.size()), outcome);
+                QCOMPARE(log.lines(QtCriticalMsg), QStringList());
+                return;
+            }
+            QCOMPARE(exchange.outcome(), outcome);
+            QCOMPARE(log.lines(QtCriticalMsg),
+                     QStringList("\"//error:299, msg:" + outcome.mid(10) + '"'));
+            if (reply.streamBytes <= 0)
+                return;
+            // The connection is closed: the server stops well short of the 200 MB (what it wrote
+            // before includes what the sockets' buffers took).
+            qint64 sent = cloud->streamedBytes();
+            QTRY_VERIFY_WITH_TIMEOUT(
+                [&] {
+                    const qint64 before = sent;
+                    QTest::qWait(300);
+                    sent = cloud->streamedBytes();
+                    return sent == before;
+                }(),
+                20000);
+            QVERIFY2(sent - sentBefore < 4 * kDefaultCap, QByteArray::number(sent - sentBefore));
+        });
+    }
+    // An owner may delete the request object (and with it the reply) from its error handler
+    // outright, also when the answer was aborted for its size while Qt was delivering it.
+    void ownerDeletesOnRefusal()
+    {
+        forKind([this](auto tag) {
+            using R = KIND(tag);
+            CloudReply reply;
+            reply.streamBytes = 4 * kDefaultCap;
+            reply.chunked = true;
+            cloud->scriptReply("/transport/x", QString(), reply);
+            QPointer<R> request = new R(cloud.url("/transport/x"), nullptr, false);
+            request->setMaxReplySize(1000);
+            QSignalSpy error(request.data(), &R::error);
+            connect(request.data(), &R::error, request.data(), [&request] { delete request; });
+            QPointer<QNetworkReply> answer = request->process(HTTP_GET);
+            QTRY_VERIFY(request.isNull());
+            QVERIFY(answer.isNull());
+            QCOMPARE(error.size(), 1);
+            QCOMPARE(error.constFirst().constFirst().toInt(), 299);
+            QTest::qWait(50); // Qt's own signals of the aborted reply would land here
         });
     }
     // What the object adds to a request by itself (half a credential pair is none), and requests

@@ -236,6 +236,7 @@ public:
     std::atomic<bool> up{false};
     std::atomic<quint16> port{0};
     std::atomic<std::thread::id> ioThreadId{};
+    std::atomic<qint64> streamedBytes{0}; ///< of streamed bodies, written to a client
 
     std::mutex lifecycle; ///< start(), stop() and call() against each other
     std::unique_ptr<ssl::context> tls;
@@ -540,9 +541,10 @@ private:
 
     void writeStreamPiece()
     {
-        auto next = [self = shared_from_this()](error_code ec, std::size_t) {
+        auto next = [self = shared_from_this()](error_code ec, std::size_t written) {
             if (ec)
                 return self->abort();
+            self->engine.streamedBytes += qint64(written);
             self->writeStreamPiece();
         };
         if (streamLeft <= 0) {
@@ -1242,6 +1244,11 @@ int CloudServer::pushWholeFrame(const QString& devid, const QByteArray& text)
             }
         return sent;
     });
+}
+
+qint64 CloudServer::streamedBytes() const
+{
+    return d->streamedBytes;
 }
 
 } // namespace kelocloud

@@ -192,6 +192,10 @@ public:
     /// splits a text into frames of 4 KiB).
     int pushWholeFrame(const QString& devid, const QByteArray& text);
 
+    /// Bytes of streamed bodies (CloudReply::streamBytes) written to clients so far, counted as
+    /// each piece is taken by the connection; it stops growing when a client goes away.
+    qint64 streamedBytes() const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> d;
