@@ -15,8 +15,8 @@ namespace kelo_limits {
 constexpr qint64 DefaultMaxReplyBytes = 8 * 1024 * 1024;
 /// A picture longer than this is given up (Kelosdk::setMaxPictureSize).
 constexpr qint64 DefaultMaxPictureBytes = 8 * 1024 * 1024;
-/// A notification message, and each of its frames, longer than this closes the socket
-/// (Kelosdk::setMaxNotificationSize).
+/// A notification message (counted in UTF-8 bytes), and each of its frames, longer than this
+/// closes the socket and is never handed on (Kelosdk::setMaxNotificationSize).
 constexpr qint64 DefaultMaxNotificationBytes = 1024 * 1024;
 
 // ---- deadlines ------------------------------------------------------------------------------
