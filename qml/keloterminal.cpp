@@ -111,7 +111,8 @@ bool KeloTerminal::start()
         const QList<QSslCertificate> cas = QSslCertificate::fromPath(path, QSsl::Pem);
         if (cas.isEmpty()) {
             emit failed(CaFileUnreadable,
-                        QStringLiteral("cannot read a CA certificate from %1").arg(path));
+                        QStringLiteral("cannot read a CA certificate from %1").arg(path),
+                        TerminalError);
             return false;
         }
         // Verification stays fully on: the CA joins the ones already trusted.
@@ -140,10 +141,11 @@ void KeloTerminal::wire()
     });
     connect(s, &Kelosdk::networkError, this, [this](int code, const QString& message) {
         if (!swallowNetworkError)
-            fail(errorOwner(), code, message);
+            fail(errorOwner(), code, message, NetworkFailure);
     });
-    connect(s, &Kelosdk::keloappError, this,
-            [this](int code, const QString& message) { fail(errorOwner(), code, message); });
+    connect(s, &Kelosdk::keloappError, this, [this](int code, const QString& message) {
+        fail(errorOwner(), code, message, Refusal);
+    });
     connect(s, &Kelosdk::notify, this, &KeloTerminal::notified);
 
     connect(s, &Kelosdk::userLoginDone, this, [this](int code, const QString& message) {
@@ -156,7 +158,7 @@ void KeloTerminal::wire()
         }
         emit loginFinished(code, message);
         if (code != 0)
-            emit failed(code, message);
+            emit failed(code, message, Refusal);
     });
     connect(s, &Kelosdk::userLogoutDone, this, [this] {
         setUser(QString());
@@ -208,7 +210,8 @@ void KeloTerminal::wire()
         if (payload.isEmpty()) {
             emit failed(
                 QrPayloadMissing,
-                QStringLiteral("the invoice answer holds no QR payload under \"%1\"").arg(qrField));
+                QStringLiteral("the invoice answer holds no QR payload under \"%1\"").arg(qrField),
+                TerminalError);
             return;
         }
         emit invoiceReady(code, qrSource(payload));
@@ -275,14 +278,14 @@ void KeloTerminal::finish(Kind kind)
         QMetaObject::invokeMethod(this, &KeloTerminal::pump, Qt::QueuedConnection);
 }
 
-void KeloTerminal::fail(Kind kind, int code, const QString& message)
+void KeloTerminal::fail(Kind kind, int code, const QString& message, Origin origin)
 {
     finish(kind);
     // The SDK keeps its invoice flow busy after the server refuses an invoice, with no invoice
     // to cancel. Only its own busy refusal (103) means that an invoice really is open.
     if (kind == Kind::Invoice && code != InvoiceFlowBusy && sending == Kind::None)
         freeInvoiceFlow();
-    emit failed(code, message);
+    emit failed(code, message, origin);
 }
 
 void KeloTerminal::freeInvoiceFlow()
@@ -315,13 +318,14 @@ bool KeloTerminal::readAnswer(Kind kind, const QString& text, QJsonObject* dt)
     QJsonParseError error{};
     const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8(), &error);
     if (error.error != QJsonParseError::NoError || !doc.isObject()) {
-        emit failed(UnreadableAnswer, QStringLiteral("the server's answer cannot be read"));
+        emit failed(UnreadableAnswer, QStringLiteral("the server's answer cannot be read"),
+                    TerminalError);
         return false;
     }
     const QJsonObject answer = doc.object();
     const int code = answer.value(QLatin1String("err")).toInt(0);
     if (code != 0) {
-        emit failed(code, answer.value(QLatin1String("msg")).toString());
+        emit failed(code, answer.value(QLatin1String("msg")).toString(), Refusal);
         return false;
     }
     *dt = answer.value(QLatin1String("dt")).toObject();

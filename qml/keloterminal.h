@@ -76,6 +76,16 @@ public:
     };
     Q_ENUM(Error)
 
+    /// Where a failure comes from: the codes of a network failure (Qt's QNetworkReply values)
+    /// and of a refusal (the SDK's 102 to 113, the server's own) overlap.
+    enum Origin
+    {
+        NetworkFailure = 0, ///< the request did not get through (Qt's code, or NoAnswer)
+        Refusal = 1,        ///< the SDK or the server said no
+        TerminalError = 2   ///< the terminal's own (Error)
+    };
+    Q_ENUM(Origin)
+
     /// requestTimeout's default: long enough for a menu whose pictures all need fetching.
     static constexpr int DefaultRequestTimeoutMs = 60000;
 
@@ -170,8 +180,8 @@ Q_SIGNALS:
     /// A server notice other than a payment: its event word.
     void notified(const QString& event);
     /// Every error and refusal: the SDK's busy codes (102 to 113), the server's codes, Qt's
-    /// network errors and the terminal's own (Error).
-    void failed(int code, const QString& message);
+    /// network errors and the terminal's own (Error); @p origin tells which (Origin).
+    void failed(int code, const QString& message, int origin);
 
 private:
     /// The SDK's refusal of a second invoice while one is open.
@@ -212,7 +222,7 @@ private:
     void finish(Kind kind);
     /// The request an error belongs to: the one being sent, else the one in flight.
     Kind errorOwner() const { return sending != Kind::None ? sending : current; }
-    void fail(Kind kind, int code, const QString& message);
+    void fail(Kind kind, int code, const QString& message, Origin origin);
     void onDeadline();
     /// Frees the SDK's invoice flow, which stays busy after a paid or refused invoice.
     void freeInvoiceFlow();

@@ -13,7 +13,7 @@ packages=(
     qtdeclarative5-dev qtquickcontrols2-5-dev
     qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
     qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
-    zbar-tools
+    zbar-tools fonts-dejavu-core
 )
 packages+=("$@")
 

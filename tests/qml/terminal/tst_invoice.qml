@@ -127,6 +127,7 @@ TestCase {
         terminal.createInvoice(7000, "x", "y")
         failedSpy.wait(30000)
         compare(failedSpy.signalArguments[0][0], KeloTerminal.QrPayloadMissing)
+        compare(failedSpy.signalArguments[0][2], KeloTerminal.TerminalError)
         compare(invoiceSpy.count, 0)
         verify(terminal.invoiceCode !== "", "the invoice is open and can be cancelled")
 

@@ -73,6 +73,7 @@ TestCase {
         compare(failedSpy.count, 1, "a refusal is also a failure")
         compare(failedSpy.signalArguments[0][0], row.code)
         compare(failedSpy.signalArguments[0][1], row.text)
+        compare(failedSpy.signalArguments[0][2], KeloTerminal.Refusal)
         compare(terminal.loggedIn, false)
         compare(terminal.busy, false)
     }

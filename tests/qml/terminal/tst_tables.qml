@@ -94,6 +94,7 @@ TestCase {
         compare(failedSpy.count, 1)
         compare(failedSpy.signalArguments[0][0], row.code)
         compare(failedSpy.signalArguments[0][1], row.text)
+        compare(failedSpy.signalArguments[0][2], KeloTerminal.Refusal)
         compare(terminal.orders.tableId, 2, "a refusal leaves the models as they were")
         compare(terminal.busy, false)
     }
@@ -106,6 +107,7 @@ TestCase {
         tablesSpy.wait(30000)
         compare(failedSpy.count, 1)
         compare(failedSpy.signalArguments[0][0], 2) // RemoteHostClosedError
+        compare(failedSpy.signalArguments[0][2], KeloTerminal.NetworkFailure)
         compare(ordersSpy.count, 0)
         compare(terminal.busy, false)
     }
