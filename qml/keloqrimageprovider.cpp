@@ -29,8 +29,7 @@ QImage KeloQrImageProvider::requestImage(const QString& id, QSize* size, const Q
 
 QImage KeloQrImageProvider::render(const QByteArray& payload, int moduleSize, const QSize& fitInto)
 {
-    if (payload.isEmpty())
-        return {};
+    // libqrencode refuses an empty payload and one too long for any QR code: no image.
     std::unique_ptr<QRcode, decltype(&QRcode_free)> code(
         QRcode_encodeData(payload.size(), reinterpret_cast<const unsigned char*>(payload.data()), 0,
                           QR_ECLEVEL_M),
