@@ -8,6 +8,12 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
     libboost-dev libssl-dev openssl
     libqrencode-dev
+    # The Qt Quick module Kelo and the touch-screen terminal (examples/kelo-terminal): the QML
+    # modules they import, and zbarimg, which reads the QR code of the terminal's screenshots.
+    qtdeclarative5-dev qtquickcontrols2-5-dev
+    qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
+    qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
+    zbar-tools fonts-dejavu-core
 )
 packages+=("$@")
 

@@ -20,6 +20,8 @@ roots=(
     libqt5core5a libqt5network5 libqt5websockets5 libqt5test5 libqt5gui5
     qtbase5-dev libqt5websockets5-dev
     libssl3 libssl-dev
+    # The QML module Kelo and kelo-terminal (built, not run, for armhf).
+    libqt5qml5 libqt5quick5 qtdeclarative5-dev libqrencode-dev
 )
 host_tools=(g++-arm-linux-gnueabihf qemu-user dpkg-dev)
 

@@ -20,7 +20,7 @@ bash tools/make-armhf-sysroot.sh "$sysroot"
 phase_done sysroot
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_WARNINGS_AS_ERRORS=ON \
-    -DKELO_BUILD_TESTS=ON -DKELO_BUILD_EXAMPLES=OFF \
+    -DKELO_BUILD_TESTS=ON -DKELO_BUILD_EXAMPLES=OFF -DKELO_BUILD_QML=ON \
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" -DKELO_ARMHF_SYSROOT="$PWD/$sysroot"
 cmake --build "$build" --parallel "$jobs"
 phase_done build

@@ -12,6 +12,15 @@ test -f "$work/prefix/lib/libkelo.so.1"
 test -f "$work/prefix/include/kelo/kelosdk.h"
 test -f "$work/prefix/lib/cmake/Kelo/KeloConfigVersion.cmake"
 
+# The QML module, when built: its qmldir beside a plugin that finds the installed libkelo.so.1.
+if [ -f "$build_dir/qml/Kelo/qmldir" ]; then
+    plugin=$(find "$work/prefix" -path '*/qt5/qml/Kelo/libkeloqml.so')
+    test -n "$plugin" && test -f "$(dirname "$plugin")/qmldir"
+    found=$(LD_LIBRARY_PATH="" ldd "$plugin" | sed -n 's/.*libkelo\.so\.1 => \([^ ]*\).*/\1/p')
+    [ "$(realpath -ms "$found")" = "$work/prefix/lib/libkelo.so.1" ] ||
+        { echo "the installed QML plugin does not find the installed libkelo.so.1 ($found)"; exit 1; }
+fi
+
 cmake -S "$source_dir" -B "$work/host" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/host" >/dev/null
 

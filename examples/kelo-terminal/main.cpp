@@ -1,0 +1,110 @@
+// kelo-terminal: the touch-screen point-of-sale terminal, a Qt Quick application over the QML
+// module Kelo. Staff login, the menu with the dishes' pictures, the tables, a table's bill and
+// e-wallet payment by QR code, against a Kelo cloud (by default the local simulator).
+//
+//   kelo-terminal --server 127.0.0.1:8443 --ca ~/.local/share/kelo-cloud/ca.pem
+//   kelo-terminal ... --screenshots DIR    walks the whole day offscreen, one PNG per screen
+#include "terminalshell.h"
+
+#include <QCommandLineParser>
+#include <QDir>
+#include <QGuiApplication>
+#include <QQmlApplicationEngine>
+#include <QQmlContext>
+#include <QQuickWindow>
+#include <QTextStream>
+
+namespace {
+
+QString defaultCaPath()
+{
+    const QString dataHome =
+        qEnvironmentVariable("XDG_DATA_HOME", QDir::homePath() + QStringLiteral("/.local/share"));
+    return dataHome + QStringLiteral("/kelo-cloud/ca.pem");
+}
+
+bool walksOffscreen(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (qstrcmp(argv[i], "--screenshots") == 0 || qstrncmp(argv[i], "--screenshots=", 14) == 0)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // The screenshot walk needs no display and draws with the software renderer, so that the
+    // pictures are the same on every machine.
+    if (walksOffscreen(argc, argv)) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        QQuickWindow::setSceneGraphBackend(QSGRendererInterface::Software);
+    }
+    QGuiApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("kelo"));
+    QCoreApplication::setApplicationName(QStringLiteral("kelo-terminal"));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "The Kelo touch-screen terminal: staff login, menu, tables, bills and e-wallet QR "
+        "payments against a Kelo cloud. Start the local cloud first (kelo-cloud) and pass its "
+        "address and CA, or use tools/run-terminal.sh, which starts both."));
+    parser.addHelpOption();
+    const QCommandLineOption server(
+        {QStringLiteral("s"), QStringLiteral("server")},
+        QStringLiteral("Cloud address host:port (default: $KELO_SERVER_HOST)."),
+        QStringLiteral("host:port"), qEnvironmentVariable("KELO_SERVER_HOST"));
+    const QCommandLineOption ca(
+        QStringLiteral("ca"),
+        QStringLiteral("CA certificate of the cloud (default: $KELO_CA or %1).")
+            .arg(defaultCaPath()),
+        QStringLiteral("file"), qEnvironmentVariable("KELO_CA", defaultCaPath()));
+    const QCommandLineOption merchant(QStringLiteral("merchant"), QStringLiteral("Merchant id."),
+                                      QStringLiteral("id"), QStringLiteral("M01"));
+    const QCommandLineOption machine(QStringLiteral("machine"), QStringLiteral("Terminal name."),
+                                     QStringLiteral("name"), QStringLiteral("POS-1"));
+    const QCommandLineOption simulator(
+        QStringLiteral("simulator"),
+        QStringLiteral("The cloud is kelo-cloud: offer to play the customer's e-wallet."));
+    const QCommandLineOption screenshots(
+        QStringLiteral("screenshots"),
+        QStringLiteral("Walk the whole day offscreen against the simulator, write one PNG per "
+                       "screen into DIR, then quit (status 0 when every step succeeded)."),
+        QStringLiteral("DIR"));
+    parser.addOptions({server, ca, merchant, machine, simulator, screenshots});
+    parser.process(app);
+
+    TerminalShell::Settings settings;
+    settings.serverHost = parser.value(server);
+    settings.caFile = parser.value(ca);
+    settings.merchantId = parser.value(merchant);
+    settings.machineName = parser.value(machine);
+    settings.screenshotDir = parser.value(screenshots);
+    settings.simulator = parser.isSet(simulator) || parser.isSet(screenshots);
+    if (settings.serverHost.isEmpty()) {
+        QTextStream(stderr) << "kelo-terminal: no cloud address: pass --server host:port or set "
+                               "KELO_SERVER_HOST\n";
+        return 2;
+    }
+    TerminalShell shell(settings);
+
+    QQmlApplicationEngine engine;
+#ifdef KELO_QML_BUILD_DIR
+    // Run from the build tree: the module Kelo next to it. Installed, Qt's import path has it.
+    if (QDir(QStringLiteral(KELO_QML_BUILD_DIR "/Kelo")).exists())
+        engine.addImportPath(QStringLiteral(KELO_QML_BUILD_DIR));
+#endif
+    engine.rootContext()->setContextProperty(QStringLiteral("shell"), &shell);
+    engine.load(QUrl(QStringLiteral("qrc:/kelo-terminal/main.qml")));
+    auto* window = engine.rootObjects().isEmpty()
+                       ? nullptr
+                       : qobject_cast<QQuickWindow*>(engine.rootObjects().first());
+    if (!window) {
+        QTextStream(stderr) << "kelo-terminal: the user interface did not load\n";
+        return 1;
+    }
+    shell.setWindow(window);
+    return app.exec();
+}

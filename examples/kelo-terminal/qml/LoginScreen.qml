@@ -1,0 +1,70 @@
+// Staff login: user name, password and role.
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import Kelo 1.0
+
+Item {
+    id: screen
+    property KeloTerminal terminal
+    property alias user: userField.text
+    property alias password: passwordField.text
+    property int role: KeloTerminal.Waiter
+
+    function submit() {
+        if (user.length > 0 && !terminal.busy)
+            terminal.login(user, password, role)
+    }
+
+    Rectangle {
+        width: 440; height: 400
+        anchors.centerIn: parent
+        radius: 12
+        color: "white"
+        border.color: "#cfd8dc"
+
+        ColumnLayout {
+            anchors.fill: parent
+            anchors.margins: 32
+            spacing: 14
+            Label { text: qsTr("Staff login"); font.pixelSize: 28; font.bold: true }
+            TextField {
+                id: userField
+                Layout.fillWidth: true
+                placeholderText: qsTr("User name")
+                font.pixelSize: 20
+                inputMethodHints: Qt.ImhNoAutoUppercase | Qt.ImhNoPredictiveText
+            }
+            TextField {
+                id: passwordField
+                Layout.fillWidth: true
+                placeholderText: qsTr("Password")
+                echoMode: TextInput.Password
+                font.pixelSize: 20
+                onAccepted: screen.submit()
+            }
+            RowLayout {
+                spacing: 12
+                RadioButton {
+                    text: qsTr("Waiter"); font.pixelSize: 18
+                    checked: screen.role === KeloTerminal.Waiter
+                    onClicked: screen.role = KeloTerminal.Waiter
+                }
+                RadioButton {
+                    text: qsTr("Cashier"); font.pixelSize: 18
+                    checked: screen.role === KeloTerminal.Cashier
+                    onClicked: screen.role = KeloTerminal.Cashier
+                }
+            }
+            Button {
+                Layout.fillWidth: true
+                Layout.preferredHeight: 64
+                text: terminal.busy ? qsTr("Logging in…") : qsTr("Log in")
+                font.pixelSize: 22
+                highlighted: true
+                enabled: !terminal.busy && userField.text.length > 0
+                onClicked: screen.submit()
+            }
+        }
+    }
+}

@@ -1,0 +1,56 @@
+#include "terminalshell.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QImage>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPixmap>
+#include <QScreen>
+#include <QTextStream>
+#include <QUrl>
+#include <QUrlQuery>
+
+TerminalShell::TerminalShell(const Settings& settings, QObject* parent)
+    : QObject(parent), serverHost(settings.serverHost), caFile(settings.caFile),
+      merchantId(settings.merchantId), machineName(settings.machineName),
+      screenshotDir(settings.screenshotDir), simulator(settings.simulator)
+{
+}
+
+bool TerminalShell::saveScreenshot(const QString& name)
+{
+    if (!window || screenshotDir.isEmpty() || !QDir().mkpath(screenshotDir))
+        return false;
+    const QString path = QDir(screenshotDir).filePath(name + QStringLiteral(".png"));
+    // The screen's copy of the window's backing store: what the software renderer drew, as on
+    // a display (QQuickWindow::grabWindow() has no image on the offscreen platform).
+    const QImage image = window->screen()->grabWindow(window->winId()).toImage();
+    const bool saved = image.save(path, "PNG");
+    QTextStream(stdout) << "kelo-terminal: " << (saved ? "wrote " : "cannot write ") << path
+                        << Qt::endl;
+    return saved;
+}
+
+void TerminalShell::payAsCustomer(const QString& invoiceCode)
+{
+    // The simulator's control route; the process already trusts its CA (KeloTerminal added it).
+    QNetworkRequest request(QUrl(QStringLiteral("https://%1/_sim/invoice/paid").arg(serverHost)));
+    request.setHeader(QNetworkRequest::ContentTypeHeader,
+                      QStringLiteral("application/x-www-form-urlencoded"));
+    const QByteArray body =
+        "invoice_code=" + QUrl::toPercentEncoding(invoiceCode); // "#" must travel as %23
+    QNetworkReply* reply = network.post(request, body);
+    connect(reply, &QNetworkReply::finished, this, [this, reply] {
+        reply->deleteLater();
+        emit customerPaid(reply->error() == QNetworkReply::NoError,
+                          QString::fromUtf8(reply->readAll()));
+    });
+}
+
+void TerminalShell::finish(int status, const QString& message)
+{
+    (status == 0 ? QTextStream(stdout) : QTextStream(stderr))
+        << "kelo-terminal: " << message << Qt::endl;
+    QCoreApplication::exit(status);
+}

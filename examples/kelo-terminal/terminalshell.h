@@ -1,0 +1,59 @@
+#pragma once
+
+#include <QNetworkAccessManager>
+#include <QObject>
+#include <QPointer>
+#include <QQuickWindow>
+#include <QString>
+
+/**
+ * What the terminal's QML needs from its host process: the settings given on the command line,
+ * screenshots of the window, and (against the local simulator only) the customer's side of an
+ * e-wallet payment.
+ */
+class TerminalShell : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QString serverHost MEMBER serverHost CONSTANT)
+    Q_PROPERTY(QString caFile MEMBER caFile CONSTANT)
+    Q_PROPERTY(QString merchantId MEMBER merchantId CONSTANT)
+    Q_PROPERTY(QString machineName MEMBER machineName CONSTANT)
+    /// Not empty: walk the whole day and write one PNG per screen there, then quit.
+    Q_PROPERTY(QString screenshotDir MEMBER screenshotDir CONSTANT)
+    /// The cloud is the local simulator: the QR dialog offers to play the customer.
+    Q_PROPERTY(bool simulator MEMBER simulator CONSTANT)
+public:
+    struct Settings
+    {
+        QString serverHost;
+        QString caFile;
+        QString merchantId;
+        QString machineName;
+        QString screenshotDir;
+        bool simulator = false;
+    };
+    explicit TerminalShell(const Settings& settings, QObject* parent = nullptr);
+
+    void setWindow(QQuickWindow* window) { this->window = window; }
+
+    /// Writes the window as it is now to <screenshotDir>/<name>.png.
+    Q_INVOKABLE bool saveScreenshot(const QString& name);
+    /// Asks the simulator to mark @p invoiceCode paid, as the customer's e-wallet app would;
+    /// answered by customerPaid().
+    Q_INVOKABLE void payAsCustomer(const QString& invoiceCode);
+    /// Ends the process with @p status after writing @p message.
+    Q_INVOKABLE void finish(int status, const QString& message);
+
+Q_SIGNALS:
+    void customerPaid(bool ok, const QString& answer);
+
+private:
+    QString serverHost;
+    QString caFile;
+    QString merchantId;
+    QString machineName;
+    QString screenshotDir;
+    bool simulator = false;
+    QPointer<QQuickWindow> window;
+    QNetworkAccessManager network;
+};

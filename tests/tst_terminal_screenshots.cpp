@@ -1,0 +1,186 @@
+// The touch-screen terminal's day (kelo-terminal --screenshots DIR) against the local cloud:
+// every screen is written, none is blank, the menu shows the fixture's own pictures pixel for
+// pixel, and the QR code of the invoice screen reads back as the invoice's payload.
+#include "cloudcontrol.h"
+#include "testcloud.h"
+
+#include <QDir>
+#include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QSet>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+const QStringList kScreens{"01-login", "02-login-error", "03-menu", "04-tables",
+                           "05-bill",  "06-invoice-qr",  "07-paid"};
+
+// Where @p picture appears, pixel for pixel, in @p screen; (-1, -1) if nowhere.
+QPoint find(const QImage& screen, const QImage& picture)
+{
+    const QImage s = screen.convertToFormat(QImage::Format_RGB32);
+    const QImage p = picture.convertToFormat(QImage::Format_RGB32);
+    const QRgb first = p.pixel(0, 0);
+    for (int y = 0; y + p.height() <= s.height(); ++y) {
+        const auto* row = reinterpret_cast<const QRgb*>(s.constScanLine(y));
+        for (int x = 0; x + p.width() <= s.width(); ++x) {
+            if (row[x] != first)
+                continue;
+            bool same = true;
+            for (int py = 0; same && py < p.height(); ++py)
+                same = memcmp(s.constScanLine(y + py) + 4 * x, p.constScanLine(py),
+                              size_t(4 * p.width())) == 0;
+            if (same)
+                return {x, y};
+        }
+    }
+    return {-1, -1};
+}
+
+} // namespace
+
+class TestTerminalScreenshots : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void everyScreenIsWritten();
+    void noScreenIsBlank_data();
+    void noScreenIsBlank();
+    void menuShowsTheFixturePictures();
+    void invoiceQrReadsAsThePayload();
+    void theDayReachedTheCloud();
+
+private:
+    QImage screen(const QString& name) const
+    {
+        return QImage(QDir(shots.path()).filePath(name + ".png"));
+    }
+
+    TestCloud cloud{TestCloud::Untrusted}; // the terminal trusts the CA itself (--ca)
+    std::unique_ptr<kelocloud::CloudControl> control;
+    QTemporaryDir shots;
+    QTemporaryDir data;
+    QByteArray output;
+    int status = -1;
+};
+
+void TestTerminalScreenshots::initTestCase()
+{
+    QVERIFY(cloud.start());
+    control = std::make_unique<kelocloud::CloudControl>(cloud.server());
+    QVERIFY(shots.isValid() && data.isValid());
+
+    QProcess terminal;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_DATA_HOME", data.path()); // a picture cache of its own, empty
+    terminal.setProcessEnvironment(env);
+    terminal.setProcessChannelMode(QProcess::MergedChannels);
+    terminal.start(KELO_TERMINAL, {"--server", cloud.hostPort(), "--ca", cloud->caCertificatePath(),
+                                   "--screenshots", shots.path()});
+    QVERIFY2(terminal.waitForStarted(), qPrintable(terminal.errorString()));
+    // The walk runs while this thread waits: the cloud serves from its own thread.
+    QVERIFY(terminal.waitForFinished(240000));
+    output = terminal.readAll();
+    status = terminal.exitStatus() == QProcess::NormalExit ? terminal.exitCode() : -1;
+}
+
+void TestTerminalScreenshots::everyScreenIsWritten()
+{
+    QVERIFY2(status == 0, output.constData());
+    QStringList written = QDir(shots.path()).entryList({"*.png"}, QDir::Files, QDir::Name);
+    QStringList expected;
+    for (const QString& name : kScreens)
+        expected << name + ".png";
+    QCOMPARE(written, expected);
+}
+
+void TestTerminalScreenshots::noScreenIsBlank_data()
+{
+    QTest::addColumn<QString>("name");
+    for (const QString& name : kScreens)
+        QTest::newRow(qPrintable(name)) << name;
+}
+
+void TestTerminalScreenshots::noScreenIsBlank()
+{
+    QFETCH(QString, name);
+    const QImage image = screen(name).convertToFormat(QImage::Format_RGB32);
+    QVERIFY2(!image.isNull(), qPrintable(name));
+    QCOMPARE(image.size(), QSize(1024, 600));
+    // A drawn screen: no colour covers nearly all of it, and there is text and detail.
+    QHash<QRgb, int> colours;
+    for (int y = 0; y < image.height(); ++y) {
+        const auto* row = reinterpret_cast<const QRgb*>(image.constScanLine(y));
+        for (int x = 0; x < image.width(); ++x)
+            ++colours[row[x]];
+    }
+    int most = 0;
+    for (int count : qAsConst(colours))
+        most = qMax(most, count);
+    const int pixels = image.width() * image.height();
+    QVERIFY2(most < pixels * 85 / 100,
+             qPrintable(QString("%1: one colour covers %2%").arg(name).arg(100.0 * most / pixels)));
+    QVERIFY2(colours.size() >= 50,
+             qPrintable(QString("%1: only %2 colours").arg(name).arg(colours.size())));
+}
+
+void TestTerminalScreenshots::menuShowsTheFixturePictures()
+{
+    const QImage menu = screen("03-menu");
+    QVERIFY(!menu.isNull());
+    QSet<int> rows;
+    for (int id = 1; id <= 8; ++id) {
+        // The very picture the cloud serves for the dish, found whole in the menu screen.
+        const QImage picture = QImage::fromData(
+            cloud->state().picture(QString("/img/items/%1.png").arg(id).toUtf8()), "PNG");
+        QVERIFY2(!picture.isNull(), qPrintable(QString("dish %1 has no picture").arg(id)));
+        const QPoint at = find(menu, picture);
+        QVERIFY2(at.x() >= 0, qPrintable(QString("the picture of dish %1 is not on the menu "
+                                                 "screen")
+                                             .arg(id)));
+        rows << at.y();
+    }
+    QCOMPARE(rows.size(), 2); // a grid: two rows of four
+}
+
+void TestTerminalScreenshots::invoiceQrReadsAsThePayload()
+{
+    // The payload the cloud sent: its QR text for the one invoice of the day, whose amount the
+    // terminal asked for in its signed "create" request.
+    const QList<kelocloud::CloudExchange> creates =
+        cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create"));
+    QCOMPARE(creates.size(), 1);
+    const QJsonObject dt =
+        QJsonDocument::fromJson(
+            QUrl::fromPercentEncoding(creates.first().param("dt").toUtf8()).toUtf8())
+            .object();
+    const QString expected = QString("kelopay://pay?merchant=M01&invoice=INV%23000001&amount=%1")
+                                 .arg(dt.value("amount").toVariant().toString());
+
+    const QString zbarimg = QStandardPaths::findExecutable("zbarimg");
+    QVERIFY2(!zbarimg.isEmpty(), "zbarimg is missing: run tools/install-deps.sh");
+    QProcess reader;
+    reader.start(zbarimg, {"--raw", "-q", QDir(shots.path()).filePath("06-invoice-qr.png")});
+    QVERIFY(reader.waitForFinished(60000));
+    QCOMPARE(reader.exitCode(), 0);
+    QCOMPARE(QString::fromUtf8(reader.readAllStandardOutput()).trimmed(), expected);
+}
+
+void TestTerminalScreenshots::theDayReachedTheCloud()
+{
+    // What the screens claim happened did happen on the server.
+    QCOMPARE(cloud->exchanges("/kelo/api/login/", "cashier_login").size(), 2); // wrong, right
+    QCOMPARE(cloud->exchanges("/kelo/api/invoice/", "confirm_order").size(), 1);
+    QCOMPARE(cloud->exchanges("/kelo/api/invoice/", "payment").size(), 1);
+    QCOMPARE(cloud->openInvoiceCount(), 0);
+}
+
+QTEST_GUILESS_MAIN(TestTerminalScreenshots)
+#include "tst_terminal_screenshots.moc"
