@@ -29,7 +29,7 @@ declare -A required=(
 # the package's own list.
 exact="libkelo1 (= $version)"
 declare -A depends=(
-    [libkelo1]='libqt5core5a (>= ;libqt5network5 (>= ;libqt5websockets5 (>= ;libc6 (>= ;libstdc++6 (>= '
+    [libkelo1]='libqt5core5a (>= ;libqt5network5 (>= ;libqt5websockets5 (>= ;libc6 (>= ;libstdc++6'
     [libkelo-dev]="$exact;qtbase5-dev (>= 5.15);libqt5websockets5-dev (>= 5.15)"
     [kelo-cloud]='libqt5core5a (>= ;libssl3 (>= '
     [qml-module-kelo]="$exact;libqt5qml5 (>= ;libqt5quick5 (>= "

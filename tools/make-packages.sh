@@ -21,6 +21,8 @@ jobs=${KELO_PACKAGE_JOBS:-2}
 
 bash tools/install-deps.sh dpkg-dev fakeroot file lintian
 log() { echo "make-packages: $*"; }
+# shellcheck source=tools/package-build.sh
+source tools/package-build.sh
 
 # Reproducible dates (Debian changelog) from the commit the packages are built from.
 SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null || date +%s)
@@ -52,25 +54,14 @@ sysroot_shlibs() {
 
 build_arch() {
     local arch=$1 build=_build/pkg-$1 out=_build/packages/$1
-    local cmake_args=() sysroot_libs=() env_args=()
+    local sysroot_libs=() env_args=()
     log "=== $arch"
     if [ "$arch" = armhf ]; then
-        local sysroot=_build/armhf-sysroot
-        bash tools/make-armhf-sysroot.sh "$sysroot"
-        cmake_args=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DKELO_ARMHF_SYSROOT="$root/$sysroot")
-        sysroot_libs=("$root/$sysroot/lib/arm-linux-gnueabihf" "$root/$sysroot/usr/lib/arm-linux-gnueabihf")
+        bash tools/make-armhf-sysroot.sh _build/armhf-sysroot
+        sysroot_libs=("$root/_build/armhf-sysroot/lib/arm-linux-gnueabihf" "$root/_build/armhf-sysroot/usr/lib/arm-linux-gnueabihf")
         env_args=(DEB_HOST_ARCH=armhf)
     fi
-    local cxxflags ldflags
-    cxxflags="$(env "${env_args[@]}" DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get CXXFLAGS) $(env "${env_args[@]}" DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get CPPFLAGS)"
-    ldflags=$(env "${env_args[@]}" DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get LDFLAGS)
-
-    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_WARNINGS_AS_ERRORS=ON \
-        -DKELO_PACKAGING=ON -DCMAKE_INSTALL_PREFIX=/usr \
-        -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF -DKELO_BUILD_TOOLS=ON \
-        -DCMAKE_CXX_FLAGS="$cxxflags" -DCMAKE_SHARED_LINKER_FLAGS="$ldflags" \
-        -DCMAKE_EXE_LINKER_FLAGS="$ldflags" -DCMAKE_MODULE_LINKER_FLAGS="$ldflags" \
-        "${cmake_args[@]}" >/dev/null
+    configure_package_build "$arch" "$build"
     cmake --build "$build" --parallel "$jobs"
 
     local shlibs=$build/shlibs.local
