@@ -28,3 +28,4 @@ install(FILES "${CMAKE_BINARY_DIR}/KeloConfig.cmake" "${CMAKE_BINARY_DIR}/KeloCo
 
 configure_file(cmake/kelo.pc.in "${CMAKE_BINARY_DIR}/kelo.pc" @ONLY)
 install(FILES "${CMAKE_BINARY_DIR}/kelo.pc" DESTINATION ${KELO_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+include(KeloSymbols)
