@@ -13,6 +13,8 @@ configure_package_build() {
     fi
     local cxxflags ldflags
     cxxflags="$(env "${env_args[@]}" dpkg-buildflags --get CXXFLAGS) $(env "${env_args[@]}" dpkg-buildflags --get CPPFLAGS)"
+    # Given CMAKE_CXX_FLAGS replaces the toolchain's initial flags: keep its -Wno-psabi for armhf.
+    if [ "$arch" = armhf ]; then cxxflags+=" -Wno-psabi"; fi
     ldflags=$(env "${env_args[@]}" dpkg-buildflags --get LDFLAGS)
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_WARNINGS_AS_ERRORS=ON \
         -DKELO_PACKAGING=ON -DCMAKE_INSTALL_PREFIX=/usr \
