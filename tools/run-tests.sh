@@ -5,11 +5,14 @@
 #   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
 #   armhf      the suite cross-built for 32-bit ARM (Release) and run under qemu-arm
-# Usage: run-tests.sh [--quick | stage ...]   (no argument: all four; --quick: native)
+#   packages   the Debian packages for amd64 and armhf (contents, relations, lintian), the ABI
+#              guard (abidiff against abi/, the exported-symbol list), and a consumer built against
+#              the installed amd64 packages and against the armhf ones unpacked into the sysroot
+# Usage: run-tests.sh [--quick | stage ...]   (no argument: all five; --quick: native)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(native fuzz sanitize armhf)
+stages=(native fuzz sanitize armhf packages)
 if [ "${1:-}" = "--quick" ]; then
     stages=(native)
 elif [ $# -gt 0 ]; then
@@ -33,10 +36,16 @@ native() {
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
 armhf() { bash tools/run-tests-armhf.sh; }
+packages() {
+    bash tools/make-packages.sh amd64
+    bash tools/abi.sh check
+    bash tools/make-packages.sh armhf
+    bash tests/packages/check-consumer.sh _build/packages/amd64 _build/packages/armhf _build/armhf-sysroot
+}
 
 summary=()
 for stage in "${stages[@]}"; do
-    case "$stage" in native | sanitize | fuzz | armhf) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
+    case "$stage" in native | sanitize | fuzz | armhf | packages) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
     echo "=== stage $stage"
     start=$SECONDS
     "$stage"

@@ -1,0 +1,141 @@
+# Debian packages made by CPack from the install components (tools/make-packages.sh drives it):
+#   libkelo1         runtime   the library, /usr/lib/libkelo.so.1
+#   libkelo-dev      dev       headers, libkelo.so, the CMake package Kelo and kelo.pc
+#   kelo-cloud       cloud     the local cloud simulator
+#   qml-module-kelo  qml       the QML module Kelo, only when the target keloqml exists
+# Runtime dependencies come from dpkg-shlibdeps; the packages' own relations are written here.
+# Included last from the top-level CMakeLists.txt, so that every target already exists.
+option(KELO_PACKAGING "Configure the Debian packages (CPack DEB); set by tools/make-packages.sh" OFF)
+if(NOT KELO_PACKAGING)
+    return()
+endif()
+
+set(KELO_DEB_REVISION 1 CACHE STRING "Debian revision of the packages (the n in 1.0.0-n)")
+set(KELO_DEB_MAINTAINER "libkelo developers <dev@kelo.example>" CACHE STRING "Maintainer field")
+set(_kelo_deb_version "${PROJECT_VERSION}-${KELO_DEB_REVISION}")
+
+if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf")
+    set(_kelo_deb_arch armhf)
+else()
+    execute_process(COMMAND dpkg --print-architecture OUTPUT_VARIABLE _kelo_deb_arch
+        OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+endif()
+
+set(_kelo_components runtime dev)
+if(TARGET kelo-cloud)
+    list(APPEND _kelo_components cloud)
+endif()
+if(TARGET keloqml)
+    list(APPEND _kelo_components qml)
+endif()
+
+set(_kelo_deb_name_runtime libkelo1)
+set(_kelo_deb_name_dev libkelo-dev)
+set(_kelo_deb_name_cloud kelo-cloud)
+set(_kelo_deb_name_qml qml-module-kelo)
+
+# Each package's /usr/share/doc/<package>: the copyright file and the Debian changelog (generated
+# from cmake/deb/changelog.in, compressed as Debian wants it: gzip -9n, no name, no time stamp).
+set(_kelo_deb_dir "${CMAKE_BINARY_DIR}/deb")
+# string(TIMESTAMP) honours SOURCE_DATE_EPOCH: make-packages.sh sets it to the commit's time.
+string(TIMESTAMP _kelo_deb_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+find_program(KELO_GZIP gzip REQUIRED)
+foreach(component IN LISTS _kelo_components)
+    set(KELO_DEB_PACKAGE ${_kelo_deb_name_${component}})
+    set(KELO_DEB_VERSION ${_kelo_deb_version})
+    set(KELO_DEB_DATE "${_kelo_deb_date}")
+    configure_file(cmake/deb/changelog.in "${_kelo_deb_dir}/${component}/changelog.Debian" @ONLY)
+    execute_process(COMMAND "${KELO_GZIP}" -9nf "${_kelo_deb_dir}/${component}/changelog.Debian"
+        COMMAND_ERROR_IS_FATAL ANY)
+    install(FILES cmake/deb/copyright "${_kelo_deb_dir}/${component}/changelog.Debian.gz"
+        DESTINATION share/doc/${KELO_DEB_PACKAGE} COMPONENT ${component})
+    if(EXISTS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/deb/${KELO_DEB_PACKAGE}.lintian-overrides")
+        install(FILES "cmake/deb/${KELO_DEB_PACKAGE}.lintian-overrides"
+            DESTINATION share/lintian/overrides RENAME ${KELO_DEB_PACKAGE} COMPONENT ${component})
+    endif()
+endforeach()
+
+if(TARGET kelo-cloud)
+    configure_file(cmake/deb/kelo-cloud.1 "${_kelo_deb_dir}/kelo-cloud.1" COPYONLY)
+    execute_process(COMMAND "${KELO_GZIP}" -9nf "${_kelo_deb_dir}/kelo-cloud.1" COMMAND_ERROR_IS_FATAL ANY)
+    install(FILES "${_kelo_deb_dir}/kelo-cloud.1.gz" DESTINATION share/man/man1 COMPONENT cloud)
+endif()
+
+if(TARGET keloqml)
+    # The module's own install rules carry no component: the package gets its files from these
+    # (the same destination). /usr/lib is on the loader's path, so the plugin needs no RUNPATH.
+    set_target_properties(keloqml PROPERTIES INSTALL_RPATH "")
+    install(TARGETS keloqml LIBRARY DESTINATION "${KELO_QML_INSTALL_DIR}/Kelo" COMPONENT qml)
+    install(FILES qml/qmldir DESTINATION "${KELO_QML_INSTALL_DIR}/Kelo" COMPONENT qml)
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libkelo)
+set(CPACK_PACKAGE_VENDOR "libkelo developers")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+# Empty: each package's description below starts with its own synopsis line.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_DIRECTORY "${CMAKE_BINARY_DIR}/packages")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL ${_kelo_components})
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${KELO_DEB_REVISION})
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${_kelo_deb_arch})
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KELO_DEB_MAINTAINER}")
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+
+set(_kelo_exact "(= ${_kelo_deb_version})")
+# Extended descriptions: lines of at most 80 characters (lintian).
+set(_kelo_deb_about "libkelo lets a restaurant point-of-sale application (a Qt 5 program) log
+staff in and out, fetch the menu with a local picture cache, work with
+tables and orders, request payments and show e-wallet invoices, talking to
+the Kelo cloud over HTTPS and a secure WebSocket.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkelo1)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# ldconfig runs through dpkg's trigger, as Debian wants it. The names postinst and postrm (files
+# that do not exist) stop CPack from writing scripts that call ldconfig themselves.
+file(WRITE "${_kelo_deb_dir}/runtime-control/triggers" "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${_kelo_deb_dir}/runtime-control/triggers"
+    "${_kelo_deb_dir}/no-maintainer-scripts/postinst" "${_kelo_deb_dir}/no-maintainer-scripts/postrm")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "point-of-sale client SDK for the Kelo cloud - runtime library
+${_kelo_deb_about}
+.
+This package holds the shared library libkelo.so.1.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkelo-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
+    "libkelo1 ${_kelo_exact}, qtbase5-dev (>= 5.15), libqt5websockets5-dev (>= 5.15)")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "point-of-sale client SDK for the Kelo cloud - development files
+${_kelo_deb_about}
+.
+This package holds the headers (include/kelo), the CMake package Kelo
+(find_package(Kelo), target Kelo::kelo) and the pkg-config file kelo.pc.")
+
+set(CPACK_DEBIAN_CLOUD_PACKAGE_NAME kelo-cloud)
+set(CPACK_DEBIAN_CLOUD_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_CLOUD_DESCRIPTION "local simulator of the Kelo cloud for libkelo hosts
+kelo-cloud plays one merchant of the Kelo cloud on a local port (HTTPS and
+a secure WebSocket with a development CA it makes itself): staff logins,
+the menu and its pictures, tables, orders, payments and e-wallet invoices,
+and control routes that script faults. It is meant for developing and
+testing applications built with libkelo, never for serving real terminals.")
+
+set(CPACK_DEBIAN_QML_PACKAGE_NAME qml-module-kelo)
+set(CPACK_DEBIAN_QML_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_QML_PACKAGE_DEPENDS "libkelo1 ${_kelo_exact}")
+set(CPACK_DEBIAN_QML_DESCRIPTION "point-of-sale client SDK for the Kelo cloud - QML module
+${_kelo_deb_about}
+.
+This package holds the Qt Quick module Kelo 1.0 (import Kelo 1.0):
+KeloTerminal, its menu, table and order models, and the kelo-qr image
+provider.")
+
+include(CPack)

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Checks the Debian packages of one architecture (made by tools/make-packages.sh):
+#   tools/check-packages.sh <arch> <dir-with-the-debs>
+# - each package holds its own files only, each where it belongs, and the ones it must hold;
+# - version and architecture, the relations between the packages, the Qt runtime dependencies
+#   found by dpkg-shlibdeps, and libkelo1's shlibs entry;
+# - lintian: any error or warning fails (the few justified ones are overridden in the package,
+#   see docs/packaging.md).
+set -euo pipefail
+arch=$1; dir=$2
+version=$(sed -n 's/^project(kelo VERSION \([0-9.]*\).*/\1/p' "$(dirname "$0")/../CMakeLists.txt")-1
+failures=0
+fail() { echo "check-packages: $arch: $*" >&2; failures=$((failures + 1)); }
+
+doc='\./usr/share/doc/%s/(copyright|changelog\.Debian\.gz)|\./usr/share/lintian/overrides/%s'
+declare -A allowed=(
+    [libkelo1]='\./usr/lib/libkelo\.so\.1(\.[0-9]+\.[0-9]+)?'
+    [libkelo-dev]='\./usr/include/kelo/[a-z0-9_]+\.h|\./usr/lib/libkelo\.so|\./usr/lib/cmake/Kelo/Kelo[A-Za-z-]*\.cmake|\./usr/lib/pkgconfig/kelo\.pc'
+    [kelo-cloud]='\./usr/bin/kelo-cloud|\./usr/share/man/man1/kelo-cloud\.1\.gz'
+    [qml-module-kelo]='\./usr/lib/[a-z0-9_-]+/qt5/qml/Kelo/(libkeloqml\.so|qmldir)'
+)
+declare -A required=(
+    [libkelo1]='./usr/lib/libkelo.so.1'
+    [libkelo-dev]='./usr/include/kelo/kelosdk.h ./usr/include/kelo/kelo_export.h ./usr/lib/libkelo.so ./usr/lib/cmake/Kelo/KeloConfig.cmake ./usr/lib/cmake/Kelo/KeloTargets.cmake ./usr/lib/pkgconfig/kelo.pc'
+    [kelo-cloud]='./usr/bin/kelo-cloud ./usr/share/man/man1/kelo-cloud.1.gz'
+    [qml-module-kelo]=''
+)
+# Dependencies (';'-separated) that must come from dpkg-shlibdeps, with a minimal version, or from
+# the package's own list.
+exact="libkelo1 (= $version)"
+declare -A depends=(
+    [libkelo1]='libqt5core5a (>= ;libqt5network5 (>= ;libqt5websockets5 (>= ;libc6 (>= ;libstdc++6'
+    [libkelo-dev]="$exact;qtbase5-dev (>= 5.15);libqt5websockets5-dev (>= 5.15)"
+    [kelo-cloud]='libqt5core5a (>= ;libssl3 (>= '
+    [qml-module-kelo]="$exact;libqt5qml5 (>= ;libqt5quick5 (>= "
+)
+
+declare -A seen=()
+for deb in "$dir"/*.deb; do
+    pkg=$(dpkg-deb -f "$deb" Package)
+    seen[$pkg]=1
+    [ -n "${allowed[$pkg]+x}" ] || { fail "unexpected package $pkg"; continue; }
+    [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "$pkg: version $(dpkg-deb -f "$deb" Version), expected $version"
+    [ "$(dpkg-deb -f "$deb" Architecture)" = "$arch" ] || fail "$pkg: architecture $(dpkg-deb -f "$deb" Architecture)"
+    # shellcheck disable=SC2059
+    pattern="^(${allowed[$pkg]}|$(printf "$doc" "$pkg" "$pkg"))\$"
+    files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $6 }')
+    while IFS= read -r file; do
+        [[ "$file" =~ $pattern ]] || fail "$pkg: $file does not belong in this package"
+    done <<<"$files"
+    for file in ${required[$pkg]} ./usr/share/doc/"$pkg"/copyright ./usr/share/doc/"$pkg"/changelog.Debian.gz; do
+        grep -qxF "$file" <<<"$files" || fail "$pkg: $file is missing"
+    done
+    deps=$(dpkg-deb -f "$deb" Depends)
+    IFS=';' read -r -a wanted <<<"${depends[$pkg]}"
+    for dep in "${wanted[@]}"; do
+        [[ ", $deps" == *", $dep"* ]] || fail "$pkg: no dependency '$dep...' in: $deps"
+    done
+    echo "check-packages: $arch: $pkg: $(grep -c . <<<"$files") files; Depends: $deps"
+done
+for pkg in libkelo1 libkelo-dev kelo-cloud; do
+    [ -n "${seen[$pkg]+x}" ] || fail "package $pkg was not made"
+done
+shlibs=$(dpkg-deb --ctrl-tarfile "$dir"/libkelo1_*.deb | tar -xOf - ./shlibs)
+[ "$shlibs" = "libkelo 1 libkelo1 (>= $version)" ] || fail "libkelo1: shlibs is '$shlibs'"
+
+echo "check-packages: $arch: lintian"
+lintian --fail-on error,warning --display-level '>=warning' "$dir"/*.deb || fail "lintian reported errors or warnings"
+[ "$failures" -eq 0 ] || { echo "check-packages: $arch: $failures problem(s)" >&2; exit 1; }
+echo "check-packages: $arch: all packages pass"
