@@ -273,6 +273,8 @@ void KeloTerminal::finish(Kind kind)
     const bool before = busy();
     current = Kind::None;
     deadline.stop();
+    if (invoiceFlowToFree)
+        freeInvoiceFlow();
     busyMayHaveChanged(before);
     if (!queue.isEmpty())
         QMetaObject::invokeMethod(this, &KeloTerminal::pump, Qt::QueuedConnection);
@@ -290,8 +292,15 @@ void KeloTerminal::fail(Kind kind, int code, const QString& message, Origin orig
 
 void KeloTerminal::freeInvoiceFlow()
 {
-    // The SDK's documented way out frees every request kind; the error it re-emits is the
-    // terminal's own doing, not a failure.
+    // The SDK's documented way out frees every request kind, and abandons whatever request is
+    // out: its answer would never come. The terminal runs one request at a time, so it frees
+    // the flow once the request in flight has had its answer.
+    if (current != Kind::None) {
+        invoiceFlowToFree = true;
+        return;
+    }
+    invoiceFlowToFree = false;
+    // The error it re-emits is the terminal's own doing, not a failure.
     swallowNetworkError = true;
     sdk->onNetworkError(0, QStringLiteral("invoice flow freed"));
     swallowNetworkError = false;
@@ -301,8 +310,10 @@ void KeloTerminal::onDeadline()
 {
     if (current == Kind::None)
         return;
-    // The SDK's own way to give up on requests that never answer: every kind is free again,
-    // and the error comes back through networkError, to the request in flight.
+    // The SDK's own way to give up on requests that never answer: every kind is free again
+    // (a paid invoice's flow included), the request in flight is abandoned, and the error
+    // comes back through networkError, to that request.
+    invoiceFlowToFree = false;
     sdk->onNetworkError(NoAnswer, QStringLiteral("the server did not answer in time"));
 }
 

@@ -246,5 +246,7 @@ private:
     Kind current = Kind::None; ///< the request in flight
     Kind sending = Kind::None; ///< the request whose SDK call is on the stack
     bool swallowNetworkError = false;
+    /// A paid invoice's flow waits to be freed until the request in flight has its answer.
+    bool invoiceFlowToFree = false;
     QTimer deadline;
 };

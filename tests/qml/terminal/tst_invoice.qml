@@ -22,6 +22,7 @@ TestCase {
     SignalSpy { id: cancelSpy; target: terminal; signalName: "invoiceCancelled" }
     SignalSpy { id: noticeSpy; target: terminal; signalName: "notified" }
     SignalSpy { id: failedSpy; target: terminal; signalName: "failed" }
+    SignalSpy { id: tablesSpy; target: terminal; signalName: "tablesReady" }
 
     Image { id: qr; smooth: false }
 
@@ -40,7 +41,7 @@ TestCase {
         }
         tryCompare(terminal, "busy", false, 30000)
         loginSpy.clear(); menuSpy.clear(); invoiceSpy.clear(); paidSpy.clear()
-        cancelSpy.clear(); noticeSpy.clear(); failedSpy.clear()
+        cancelSpy.clear(); noticeSpy.clear(); failedSpy.clear(); tablesSpy.clear()
     }
 
     function openInvoice(amount) {
@@ -77,6 +78,21 @@ TestCase {
 
         // The next customer: a paid invoice does not block the next one.
         var next = openInvoice(42000)
+        verify(next[0] !== code)
+        compare(failedSpy.count, 0)
+    }
+
+    function test_a_paidWhileARequestIsOut() {
+        var code = openInvoice(30000)[0]
+        // Freeing the paid invoice's flow must not abandon the table list that is out.
+        testCloud.delay("/kelo/api/table/", "getlist", 1500)
+        terminal.refreshTables()
+        verify(testCloud.markPaid(code))
+        paidSpy.wait(30000)
+        tablesSpy.wait(30000)
+        compare(tablesSpy.count, 1)
+        compare(failedSpy.count, 0)
+        var next = openInvoice(31000)
         verify(next[0] !== code)
         compare(failedSpy.count, 0)
     }
