@@ -1,6 +1,7 @@
 #include "cdownloadfileman.h"
 
 #include "kelolimits_p.h"
+#include "kelologging_p.h"
 #include "libcmn.h"
 #include "picturestamp_p.h"
 
@@ -440,7 +441,7 @@ void CDownloadFileMan::DownloadDone()
     runFolderIndexed = false;
     firstRun = false;
     if (debug)
-        qDebug("Download complete");
+        qCDebug(kelo_log::catalogue, "Download complete");
     emit NotifyComplete(Libcmn::updateDataFoods(data, *this));
 }
 
@@ -529,8 +530,8 @@ void CDownloadFileMan::releaseOutputFile(bool keep)
 void CDownloadFileMan::logImage(const tagDownFileInfo& info, const char* what) const
 {
     if (debug)
-        qDebug("%s",
-               qUtf8Printable(QLatin1String("=== Image ") + info.localPath + QLatin1String(what)));
+        qCDebug(kelo_log::catalogue, "%s",
+                qUtf8Printable(QLatin1String("=== Image ") + info.localPath + QLatin1String(what)));
 }
 
 QString CDownloadFileMan::pictureDirectory()

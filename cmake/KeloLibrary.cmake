@@ -14,6 +14,7 @@ set(KELO_PUBLIC_HEADERS
 
 set(KELO_SOURCES
     sdk/kelosdk.cpp
+    sdk/kelologging.cpp
     protocol/libcmn.cpp
     http/httpbase.cpp
     http/httpbase2.cpp

@@ -10,6 +10,7 @@
 
 #include "httpbase.h"
 #include "kelolimits_p.h"
+#include "kelologging_p.h"
 
 #include <QDebug>
 #include <QIODevice>
@@ -82,7 +83,8 @@ template <class Owner> struct HttpRequest
     {
         // The stored URL plus the raw parameters, not the exact request sent: for reading only.
         if (owner.debug)
-            qDebug() << "http2 url:" << owner.url.toString() + owner.params.toString();
+            qCDebug(kelo_log::http)
+                << "http2 url:" << owner.url.toString() + owner.params.toString();
 
         switch (processType) {
         case HTTP_POST:
@@ -183,12 +185,13 @@ template <class Owner> struct HttpRequest
         if (refused != 0 || reply->error() != QNetworkReply::NoError) {
             const int code = refused != 0 ? refused : int(reply->error());
             const QString message = refused != 0 ? refusedText : errorTextWithoutSecrets(*reply);
-            qCritical() << QStringLiteral("//error:%1, msg:%2").arg(QString::number(code), message);
+            qCCritical(kelo_log::http)
+                << QStringLiteral("//error:%1, msg:%2").arg(QString::number(code), message);
             emit owner.error(code, message);
         } else {
             const QByteArray body = reply->readAll();
             if (owner.debug)
-                qDebug() << "respone data:" << QString::fromUtf8(body);
+                qCDebug(kelo_log::http) << "respone data:" << QString::fromUtf8(body);
             emit owner.done(QVariant(body));
         }
         if (disposal == FinishedReply::DeleteLater && alive)

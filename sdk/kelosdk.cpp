@@ -4,6 +4,7 @@
 #include "httpbase.h"
 #include "httpbase2.h"
 #include "kelo_config.h"
+#include "kelologging_p.h"
 #include "kelosdk_p.h"
 #include "libcmn.h"
 #include "wsclient.h"
@@ -77,8 +78,8 @@ Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool deb
       d(new KelosdkPrivate)
 {
     if (debugLog)
-        qDebug() << "KELOSDK>> Welcome to KeloSDK! merchant-id:" << merchantId
-                 << ", machine-name:" << machineName;
+        qCDebug(kelo_log::sdk) << "KELOSDK>> Welcome to KeloSDK! merchant-id:" << merchantId
+                               << ", machine-name:" << machineName;
 
     // Tests, the cloud simulator and integrators point the SDK at another server through the
     // environment; a production host leaves it unset and gets the compiled-in server.
@@ -167,7 +168,7 @@ void Kelosdk::log(const QString& line) const
 {
     // One plain text per line, so that every line starts with its "KELOSDK>> " tag.
     if (debugLog)
-        qDebug().noquote() << line;
+        qCDebug(kelo_log::sdk).noquote() << line;
 }
 
 void Kelosdk::wireError(HttpBase* request, quint32 bit)

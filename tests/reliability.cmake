@@ -3,3 +3,5 @@
 kelo_add_test(faultmatrix TIMEOUT 120)
 kelo_add_test(security TIMEOUT 60)
 kelo_add_test(soak TIMEOUT 300 LABELS slow)
+# The log lines by area: categories, filter rules, the debug flags, no secrets in any of them.
+kelo_add_test(logging TIMEOUT 120)

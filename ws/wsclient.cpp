@@ -2,6 +2,7 @@
 
 #include "httpbase.h"
 #include "kelolimits_p.h"
+#include "kelologging_p.h"
 #include "libcmn.h"
 
 #include <QCoreApplication>
@@ -144,8 +145,8 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
       wsUrl(wsUrl), httpUrl(httpUrl), merchantCode(merchantCode), devid(devid), debug(debug)
 {
     if (debug) {
-        qDebug().nospace().noquote() << "wsurl:" << wsUrl.toString();
-        qDebug().nospace().noquote() << "httpurl:" << httpUrl.toString();
+        qCDebug(kelo_log::ws).nospace().noquote() << "wsurl:" << wsUrl.toString();
+        qCDebug(kelo_log::ws).nospace().noquote() << "httpurl:" << httpUrl.toString();
     }
 
     // Connected first, so the mirror is current before any handler below runs.
@@ -169,7 +170,7 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
         }
         refreshSocketValidity();
         if (this->debug)
-            qDebug().noquote() << QStringLiteral("WebSocket disconnected ") + now();
+            qCDebug(kelo_log::ws).noquote() << QStringLiteral("WebSocket disconnected ") + now();
         emit closed();
     });
     // A session fetch that the server took and never answers is given up, so that the watchdog's
@@ -208,8 +209,8 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
         if (!guard->closingOverLargeNotice)
             return;
         guard->closingOverLargeNotice = false;
-        qWarning().noquote() << QStringLiteral("WebSocket notice dropped: ") +
-                                    webSocket.closeReason();
+        qCWarning(kelo_log::ws).noquote()
+            << QStringLiteral("WebSocket notice dropped: ") + webSocket.closeReason();
         getSession();
     });
     connect(&webSocket, &QWebSocket::pong, this, &WSClient::onPong);
@@ -223,7 +224,7 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
 WSClient::~WSClient()
 {
     if (debug)
-        qDebug() << "close websocket client!";
+        qCDebug(kelo_log::ws) << "close websocket client!";
     WatchdogRegistry::instance().remove(this);
     // Destroying a QThread whose thread still runs aborts the process, so a client deleted
     // without stop() ends its watchdog here first.
@@ -257,7 +258,7 @@ void WSClient::sendTextMessage(QString message)
 {
     const qint64 sent = webSocket.sendTextMessage(message);
     if (debug)
-        qDebug().nospace() << "Sent: " << sent;
+        qCDebug(kelo_log::ws).nospace() << "Sent: " << sent;
 }
 
 void WSClient::getSession()
@@ -304,7 +305,7 @@ qint64 WSClient::maxMessageSize() const
 void WSClient::onConnected()
 {
     if (debug)
-        qDebug().noquote() << QStringLiteral("WebSocket connected ") + now();
+        qCDebug(kelo_log::ws).noquote() << QStringLiteral("WebSocket connected ") + now();
     emit connected();
     missedPongs = 0;
 }
@@ -312,14 +313,14 @@ void WSClient::onConnected()
 void WSClient::onTextMessageReceived(QString message)
 {
     if (debug)
-        qDebug().noquote() << QStringLiteral("Message received:") + message;
+        qCDebug(kelo_log::ws).noquote() << QStringLiteral("Message received:") + message;
     emit textMessageReceived(message);
 }
 
 void WSClient::onClosed()
 {
     if (debug)
-        qDebug().noquote() << QStringLiteral("WebSocket disconnected ") + now();
+        qCDebug(kelo_log::ws).noquote() << QStringLiteral("WebSocket disconnected ") + now();
     webSocket.close(QWebSocketProtocol::CloseCodeNormal, QString());
     emit closed();
 }
@@ -348,7 +349,7 @@ void WSClient::onSessionError(int, QString)
 void WSClient::onError(QAbstractSocket::SocketError error)
 {
     if (debug)
-        qDebug().nospace() << "WSError: " << error;
+        qCDebug(kelo_log::ws).nospace() << "WSError: " << error;
 }
 
 void WSClient::run()
@@ -367,7 +368,7 @@ void WSClient::run()
         if (socketValid)
             continue;
         if (debug)
-            qDebug() << "Reconnect";
+            qCDebug(kelo_log::ws) << "Reconnect";
         emit reconnect();
     }
 }
@@ -391,7 +392,7 @@ void WSClient::timerEvent(QTimerEvent* event)
         webSocket.ping(QStringLiteral("ping").toLocal8Bit());
         ++missedPongs;
     } else if (debug) {
-        qDebug() << "Websocket not valid";
+        qCDebug(kelo_log::ws) << "Websocket not valid";
     }
 }
 
