@@ -1,37 +1,5 @@
 #!/usr/bin/env bash
-# Starts kelo-cloud on a free loopback port, runs kelo-demo against it, stops the simulator and
-# exits with the demo's status. Usage: demo-day.sh <kelo-cloud> <kelo-demo> [demo options...]
-# A library built with its own KELO_SECRET_KEY needs KELO_CLOUD_KEY set to that key: kelo-cloud
-# holds no build's key and signs with the development key otherwise.
+# Runs kelo-demo offscreen against a kelo-cloud of its own (see with-cloud.sh) and exits with the
+# demo's status. Usage: demo-day.sh <kelo-cloud> <kelo-demo> [demo options...]
 set -uo pipefail
-cloud=$1; demo=$2; shift 2
-
-work=$(mktemp -d)
-cloud_pid=""
-cleanup() {
-    [ -n "$cloud_pid" ] && kill "$cloud_pid" 2>/dev/null && wait "$cloud_pid" 2>/dev/null
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-# A private data location keeps the demo's picture cache out of the user's.
-export XDG_DATA_HOME="$work/data"
-"$cloud" --port 0 --ca-dir "$work/ca" > "$work/cloud.log" 2>&1 &
-cloud_pid=$!
-for _ in $(seq 200); do
-    grep -q "listening on" "$work/cloud.log" && break
-    kill -0 "$cloud_pid" 2>/dev/null || break
-    sleep 0.05
-done
-hostport=$(sed -n 's/.*listening on \([0-9.:]*\).*/\1/p' "$work/cloud.log")
-if [ -z "$hostport" ]; then
-    echo "demo-day: kelo-cloud did not start:" >&2
-    cat "$work/cloud.log" >&2
-    exit 1
-fi
-echo "demo-day: kelo-cloud is up on $hostport"
-
-QT_QPA_PLATFORM=offscreen "$demo" --server "$hostport" --ca "$work/ca/ca.pem" "$@"
-status=$?
-echo "demo-day: kelo-demo exited with $status"
-exit $status
+QT_QPA_PLATFORM=offscreen exec bash "$(dirname "$0")/with-cloud.sh" demo-day "$@"
