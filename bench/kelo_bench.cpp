@@ -346,7 +346,8 @@ public:
 
     QString pictureDir() const
     {
-        return QDir(QStandardPaths::standardLocations(QStandardPaths::DataLocation).value(0))
+        return QDir(
+                   QStandardPaths::standardLocations(QStandardPaths::AppLocalDataLocation).value(0))
                    .absolutePath() +
                QStringLiteral("/images");
     }

@@ -2,6 +2,7 @@
 
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
+#include "keloqtcompat_p.h"
 #include "libcmn.h"
 #include "picturestamp_p.h"
 
@@ -174,6 +175,7 @@ void CDownloadFileMan::StartDownload()
     runFolderIndex.clear();
     runFolderIndexed = false;
     networkManager = new QNetworkAccessManager(this);
+    kelo_compat::manualRedirects(*networkManager);
     DownloadNextFile();
 }
 
@@ -300,6 +302,7 @@ void CDownloadFileMan::DownloadNextFile()
         run->received = 0;
         QNetworkRequest request(url);
         request.setTransferTimeout(kelo_limits::PictureIdleTimeoutMs);
+        kelo_compat::http1Only(request);
         reply = networkManager->get(request);
     }
     if (!reply) {
@@ -536,7 +539,7 @@ void CDownloadFileMan::logImage(const tagDownFileInfo& info, const char* what) c
 
 QString CDownloadFileMan::pictureDirectory()
 {
-    const QStringList locations = QStandardPaths::standardLocations(QStandardPaths::DataLocation);
+    const QStringList locations = QStandardPaths::standardLocations(kelo_compat::AppDataLocation);
     if (!locations.isEmpty())
         return QDir(locations.first()).absolutePath();
     // No data location on this system (an unusual platform set-up). The pictures are only a

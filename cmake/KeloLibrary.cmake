@@ -39,6 +39,9 @@ endforeach()
 
 add_library(kelo SHARED ${KELO_SOURCES} ${KELO_PUBLIC_HEADERS})
 add_library(Kelo::kelo ALIAS kelo)
+if(NOT KELO_PACKAGE STREQUAL "Kelo")
+    add_library(${KELO_PACKAGE}::kelo ALIAS kelo)
+endif()
 
 include(GenerateExportHeader)
 generate_export_header(kelo BASE_NAME KELO EXPORT_FILE_NAME "${KELO_BUILD_INCLUDE_DIR}/kelo/kelo_export.h")
@@ -49,6 +52,7 @@ set_target_properties(kelo PROPERTIES
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     EXPORT_NAME kelo
+    OUTPUT_NAME ${KELO_OUTPUT_NAME}
 )
 
 target_include_directories(kelo
@@ -62,8 +66,8 @@ target_include_directories(kelo
     PUBLIC
         "$<BUILD_INTERFACE:${KELO_BUILD_INCLUDE_DIR}/kelo>"
         "$<BUILD_INTERFACE:${KELO_BUILD_INCLUDE_DIR}>"
-        "$<INSTALL_INTERFACE:include>"
+        "$<INSTALL_INTERFACE:${KELO_INSTALL_INCLUDEDIR}>"
 )
-target_link_libraries(kelo PUBLIC Qt5::Core Qt5::Network Qt5::WebSockets)
+target_link_libraries(kelo PUBLIC ${KELO_QT}::Core ${KELO_QT}::Network ${KELO_QT}::WebSockets)
 target_compile_definitions(kelo PRIVATE QT_NO_CAST_FROM_BYTEARRAY QT_NO_URL_CAST_FROM_STRING)
 target_compile_options(kelo PRIVATE -Wall -Wextra $<$<BOOL:${KELO_WARNINGS_AS_ERRORS}>:-Werror>)

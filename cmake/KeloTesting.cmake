@@ -31,7 +31,7 @@ function(kelo_add_quick_test name)
         set(ARG_TIMEOUT 300)
     endif()
     add_executable(tst_${name} tst_${name}.cpp)
-    target_link_libraries(tst_${name} PRIVATE kelotestsupport Qt5::QuickTest Qt5::Qml)
+    target_link_libraries(tst_${name} PRIVATE kelotestsupport ${KELO_QT}::QuickTest ${KELO_QT}::Qml)
     target_compile_options(tst_${name} PRIVATE -Wall -Wextra)
     target_compile_definitions(tst_${name} PRIVATE
         QUICK_TEST_SOURCE_DIR="${ARG_QML_DIR}" KELO_QML_BUILD_DIR="${KELO_QML_BUILD_DIR}")

@@ -84,7 +84,8 @@ private:
 
 QString dataDirectory()
 {
-    const QStringList locations = QStandardPaths::standardLocations(QStandardPaths::DataLocation);
+    const QStringList locations =
+        QStandardPaths::standardLocations(QStandardPaths::AppLocalDataLocation);
     return QDir(locations.value(0)).absolutePath();
 }
 

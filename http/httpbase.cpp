@@ -9,6 +9,7 @@ using Request = kelo_detail::HttpRequest<HttpBase>;
 HttpBase::HttpBase(const QUrl& url, QObject* parent, bool debug)
     : QObject(parent), url(url), debug(debug)
 {
+    kelo_compat::manualRedirects(manager);
 }
 
 HttpBase::~HttpBase()

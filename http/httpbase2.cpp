@@ -9,6 +9,7 @@ using Request = kelo_detail::HttpRequest<HttpBase2>;
 HttpBase2::HttpBase2(const QUrl& url, QObject* parent, bool debug)
     : QObject(parent), url(url), debug(debug)
 {
+    kelo_compat::manualRedirects(manager);
 }
 
 HttpBase2::~HttpBase2()

@@ -11,6 +11,7 @@
 #include "httpbase.h"
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
+#include "keloqtcompat_p.h"
 
 #include <QDebug>
 #include <QIODevice>
@@ -57,7 +58,9 @@ template <class Owner> struct HttpRequest
         case CONTENT_NONE:
             break;
         }
-        // TLS, timeouts and redirects stay Qt's defaults on purpose.
+        // TLS and timeouts stay Qt's defaults on purpose; redirects are never followed and the
+        // request is HTTP/1.1, with Qt 6 as with Qt 5.
+        kelo_compat::http1Only(request);
         return request;
     }
 

@@ -1,9 +1,10 @@
 #include "httptool.h"
 
+#include "keloqtcompat_p.h"
+
 #include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QJsonParseError>
-#include <QRegExp>
 #include <QStringList>
 #include <QVariantMap>
 
@@ -34,7 +35,7 @@ QVariantMap parseLooseMap(QString text)
 {
     text.remove(QLatin1Char('{')).remove(QLatin1Char('}')).remove(QLatin1Char('\n'));
     QVariantMap map;
-    const QStringList parts = text.split(QRegExp(QStringLiteral("(\\;|\\,)")), Qt::KeepEmptyParts);
+    const QStringList parts = kelo_compat::splitAtAnyOf(text, QStringLiteral(";,"));
     for (const QString& part : parts) {
         const QStringList pieces = part.split(QLatin1Char(':'), Qt::KeepEmptyParts);
         if (pieces.size() == 2)

@@ -2,7 +2,7 @@
 # suites and the screenshot walk need the target's QML modules and a renderer, which the armhf
 # sysroot run under qemu does not provide.
 if(TARGET keloqml AND NOT CMAKE_CROSSCOMPILING)
-    find_package(Qt5 5.15 REQUIRED COMPONENTS QuickTest Qml)
+    find_package(${KELO_QT} ${KELO_QT_MIN_VERSION} REQUIRED COMPONENTS QuickTest Qml)
     kelo_add_quick_test(qml_terminal QML_DIR "${CMAKE_CURRENT_SOURCE_DIR}/qml/terminal")
 endif()
 
@@ -10,7 +10,7 @@ endif()
 # readable QR code (zbarimg from zbar-tools).
 if(TARGET kelo-terminal AND NOT CMAKE_CROSSCOMPILING)
     kelo_add_test(terminal_screenshots TIMEOUT 300)
-    target_link_libraries(tst_terminal_screenshots PRIVATE Qt5::Gui)
+    target_link_libraries(tst_terminal_screenshots PRIVATE ${KELO_QT}::Gui)
     target_compile_definitions(tst_terminal_screenshots PRIVATE
         KELO_TERMINAL="$<TARGET_FILE:kelo-terminal>")
     add_dependencies(tst_terminal_screenshots kelo-terminal)
@@ -19,7 +19,7 @@ endif()
 # The QR image provider end to end: QML Image, software renderer, zbarimg.
 if(TARGET keloqml AND NOT CMAKE_CROSSCOMPILING)
     kelo_add_test(qrimageprovider)
-    target_link_libraries(tst_qrimageprovider PRIVATE Qt5::Quick Qt5::Qml)
+    target_link_libraries(tst_qrimageprovider PRIVATE ${KELO_QT}::Quick ${KELO_QT}::Qml)
     target_compile_definitions(tst_qrimageprovider PRIVATE KELO_QML_BUILD_DIR="${KELO_QML_BUILD_DIR}")
     add_dependencies(tst_qrimageprovider keloqml)
     set_tests_properties(qrimageprovider PROPERTIES ENVIRONMENT

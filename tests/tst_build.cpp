@@ -62,7 +62,7 @@ private Q_SLOTS:
         QStringList scanned, holding;
         while (files.hasNext()) {
             const QString path = files.next(), name = path.mid(prefix.path().size() + 1);
-            if (developmentKey && name == QLatin1String("bin/kelo-cloud"))
+            if (developmentKey && name == QLatin1String(KELO_TEST_INSTALLED_CLOUD))
                 continue;
             QFile file(path);
             QVERIFY2(file.open(QIODevice::ReadOnly), qPrintable(name));
@@ -71,13 +71,15 @@ private Q_SLOTS:
             if (!form.isEmpty())
                 holding << name + " (" + form + ")";
         }
-        QVERIFY2(scanned.contains(QStringLiteral("include/kelo/kelosdk.h")),
+        QVERIFY2(scanned.contains(QStringLiteral(KELO_TEST_INSTALLED_HEADER)),
                  qPrintable(scanned.join(' ')));
         QVERIFY2(std::any_of(scanned.cbegin(), scanned.cend(),
-                             [](const QString& n) { return n.contains("libkelo.so"); }),
+                             [](const QString& n) {
+                                 return n.startsWith("lib/" KELO_TEST_INSTALLED_LIBRARY);
+                             }),
                  qPrintable(scanned.join(' ')));
         QVERIFY2(developmentKey || !KELO_TEST_INSTALLS_CLOUD ||
-                     scanned.contains(QStringLiteral("bin/kelo-cloud")),
+                     scanned.contains(QStringLiteral(KELO_TEST_INSTALLED_CLOUD)),
                  qPrintable(scanned.join(' ')));
         QVERIFY2(holding.isEmpty(), qPrintable("the signing key is in: " + holding.join(", ")));
 #endif

@@ -2,8 +2,8 @@
 // that ends the request, and whether the kind is then free again or still held.
 #include "httpbase2.h"
 #include "sdkkinds.h"
-#include "tempdatalocation.h"
 #include "signalrecorder.h"
+#include "tempdatalocation.h"
 #include "testcloud.h"
 
 #include <QNetworkReply>
@@ -60,7 +60,7 @@ const QList<Fault>& faults()
             "Error transferring %1 - server replied: Internal Server Error");
         add(kNeverAnswer, 200, "", F::NeverAnswer, 1, kHostGaveUpCode, "the host gave up waiting");
         add(kUntrusted, 0, "", F::None, 0, QNetworkReply::SslHandshakeFailedError,
-            "SSL handshake failed");
+            KELO_TEST_UNTRUSTED_TEXT);
         add("garbage body", 200, kGarbage, F::None, 1, 0, "");
         add("empty body", 200, "", F::None, 1, 0, "");
         // A captive portal sends every request to its login page; an empty answer must not

@@ -143,7 +143,7 @@ private Q_SLOTS:
         row("connection refused", HTTP_GET, "/transport/x", secret, "",
             "error 1 Connection refused", {}, "refused");
         row("server not trusted", HTTP_GET, "/transport/x", secret, "",
-            "error 6 SSL handshake failed", {}, "stranger");
+            "error 6 " KELO_TEST_UNTRUSTED_TEXT, {}, "stranger");
     }
     void exchange()
     {

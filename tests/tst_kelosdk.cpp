@@ -28,7 +28,7 @@ QByteArray menuWithPicture(SdkFixture& f)
 
 QString cachedPicture()
 {
-    return QStandardPaths::standardLocations(QStandardPaths::DataLocation).value(0) +
+    return QStandardPaths::standardLocations(QStandardPaths::AppLocalDataLocation).value(0) +
            QStringLiteral("/images/7.png");
 }
 

@@ -23,7 +23,7 @@ const QByteArray kSession = R"({"dt":{"invoice_session":"S1"},"err":0})";
 
 QString picturePath()
 {
-    return QStandardPaths::standardLocations(QStandardPaths::DataLocation).value(0) +
+    return QStandardPaths::standardLocations(QStandardPaths::AppLocalDataLocation).value(0) +
            QStringLiteral("/images/7.png");
 }
 

@@ -279,6 +279,19 @@ private Q_SLOTS:
         QElapsedTimer clock;
         clock.start();
         QCOMPARE(oneFrame ? cloud->pushWholeFrame(devid, big) : cloud->pushToDevice(devid, big), 1);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        // Qt 6's WebSockets fail the connection on a text frame that ends inside a character
+        // (frames of 4 KiB split the 3-byte ones), although the whole message is valid UTF-8: the
+        // notice is lost whatever its size and the socket closes; the watchdog reopens it later.
+        if (pad != QLatin1String("x") && !oneFrame) {
+            QTRY_COMPARE_WITH_TIMEOUT(w->closed.count(), 1, eventWait);
+            QTest::qWait(500);
+            QCOMPARE(w->text.count(), 0);
+            QCOMPARE(w->connected.count(), 1);
+            QCOMPARE(log.lines(QtWarningMsg).filter("WebSocket notice dropped: "), QStringList());
+            return;
+        }
+#endif
         if (over) {
             QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, eventWait);
             qInfo("connected again %lld ms after the push", clock.elapsed());

@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config git
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
+    qt6-base-dev qt6-base-dev-tools qt6-websockets-dev
     libboost-dev libssl-dev openssl
     libqrencode-dev
     # The Qt Quick module Kelo and the touch-screen terminal (examples/kelo-terminal): the QML

@@ -8,11 +8,13 @@
 #   packages   the Debian packages for amd64 and armhf (contents, relations, lintian), the ABI
 #              guard (abidiff against abi/, the exported-symbol list), and a consumer built against
 #              the installed amd64 packages and against the armhf ones unpacked into the sysroot
-# Usage: run-tests.sh [--quick | stage ...]   (no argument: all five; --quick: native)
+#   qt6        the suite built against Qt 6 into _build/qt6 (-DKELO_QT_MAJOR=6) and run; then both
+#              majors installed side by side into one prefix, a host built against each
+# Usage: run-tests.sh [--quick | stage ...]   (no argument: all six; --quick: native)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(native fuzz sanitize armhf packages)
+stages=(native fuzz sanitize armhf packages qt6)
 if [ "${1:-}" = "--quick" ]; then
     stages=(native)
 elif [ $# -gt 0 ]; then
@@ -33,6 +35,20 @@ native() {
     cmake --build "$build" --parallel "$(nproc)"
     ctest --test-dir "$build" --output-on-failure --parallel 2 --timeout 300
 }
+# Qt 6 with a key of its own too. The side-by-side check needs a Qt 5 install as well: a build of
+# the library and its tools without the suite, into _build/qt6-side-qt5, with the same key.
+qt6() {
+    local build=_build/qt6 side=_build/qt6-side-qt5 key
+    key=$(head -c 1024 /dev/urandom | LC_ALL=C tr -dc 'A-Za-z0-9' | cut -c1-32)
+    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
+        -DKELO_QT_MAJOR=6 -DKELO_SECRET_KEY="$key"
+    cmake --build "$build" --parallel "$(nproc)"
+    ctest --test-dir "$build" --output-on-failure --parallel 2 --timeout 300
+    cmake -S . -B "$side" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
+        -DKELO_QT_MAJOR=5 -DKELO_SECRET_KEY="$key" -DKELO_BUILD_TESTS=OFF
+    cmake --build "$side" --parallel "$(nproc)"
+    bash tests/install/check-side-by-side.sh "$side" "$build" "$build/tools/kelo-cloud-qt6"
+}
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
 armhf() { bash tools/run-tests-armhf.sh; }
@@ -45,7 +61,7 @@ packages() {
 
 summary=()
 for stage in "${stages[@]}"; do
-    case "$stage" in native | sanitize | fuzz | armhf | packages) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
+    case "$stage" in native | sanitize | fuzz | armhf | packages | qt6) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
     echo "=== stage $stage"
     start=$SECONDS
     "$stage"

@@ -3,6 +3,7 @@
 #include "httpbase.h"
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
+#include "keloqtcompat_p.h"
 #include "libcmn.h"
 
 #include <QCoreApplication>
@@ -215,7 +216,7 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
     });
     connect(&webSocket, &QWebSocket::pong, this, &WSClient::onPong);
     qRegisterMetaType<QAbstractSocket::SocketError>();
-    connect(&webSocket, SIGNAL(error(QAbstractSocket::SocketError)), this,
+    connect(&webSocket, KELO_WEBSOCKET_ERROR_SIGNAL, this,
             SLOT(onError(QAbstractSocket::SocketError)));
     connect(this, &WSClient::reconnect, this, &WSClient::getSession);
     setMaxMessageSize(kelo_limits::DefaultMaxNotificationBytes);

@@ -33,7 +33,7 @@ QJsonObject parseObject(const QString& text)
 // Where the SDK caches pictures: "images" under the application's data location.
 QString pictureCacheDir()
 {
-    return QStandardPaths::writableLocation(QStandardPaths::DataLocation) +
+    return QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) +
            QStringLiteral("/images");
 }
 

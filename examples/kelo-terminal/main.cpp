@@ -42,6 +42,11 @@ int main(int argc, char** argv)
         qputenv("QT_QPA_PLATFORM", "offscreen");
         QQuickWindow::setSceneGraphBackend(QSGRendererInterface::Software);
     }
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    // qtquickcontrols2.conf names Qt 5's flat "Default" style, which Qt 6 calls "Basic".
+    if (!qEnvironmentVariableIsSet("QT_QUICK_CONTROLS_STYLE"))
+        qputenv("QT_QUICK_CONTROLS_STYLE", "Basic");
+#endif
     QGuiApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("kelo"));
     QCoreApplication::setApplicationName(QStringLiteral("kelo-terminal"));

@@ -1,17 +1,29 @@
 #!/usr/bin/env bash
-# Installs the built library into a scratch prefix, builds a host project against it with
-# find_package(Kelo) and with pkg-config, and runs the host against a kelo-cloud on loopback.
-# kelo-cloud takes the build's signing key from KELO_CLOUD_KEY (set by the test).
+# Installs the built library into a scratch prefix (or into $KELO_INSTALL_PREFIX, which may already
+# hold the other Qt major's install), builds a host project against it with find_package and with
+# pkg-config, and runs the host against a kelo-cloud on loopback. kelo-cloud takes the build's
+# signing key from KELO_CLOUD_KEY (set by the caller).
+# Usage: check-install.sh <build dir> <tests/install> <kelo-cloud> [<Qt major>]
+#   Qt 5: libkelo.so.1,     include/kelo/,          find_package(Kelo),    kelo.pc
+#   Qt 6: libkelo-qt6.so.1, include/kelo-qt6/kelo/, find_package(KeloQt6), kelo-qt6.pc
 set -euo pipefail
-build_dir=$1; source_dir=$2; cloud=$3
+build_dir=$1; source_dir=$2; cloud=$3; major=${4:-5}
+case "$major" in
+    5) suffix="" package=Kelo includedir=include ;;
+    6) suffix=-qt6 package=KeloQt6 includedir=include/kelo-qt6 ;;
+    *) echo "unknown Qt major: $major" >&2; exit 2 ;;
+esac
 work=$(mktemp -d); trap 'kill $cloud_pid 2>/dev/null || true; rm -rf "$work"' EXIT
 cloud_pid=""
+prefix=${KELO_INSTALL_PREFIX:-$work/prefix}
 
-cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
-test -f "$work/prefix/lib/libkelo.so.1"
-test -f "$work/prefix/include/kelo/kelosdk.h"
-test -f "$work/prefix/lib/cmake/Kelo/KeloConfigVersion.cmake"
+cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+test -f "$prefix/lib/libkelo$suffix.so.1"
+test -f "$prefix/$includedir/kelo/kelosdk.h"
+test -f "$prefix/lib/cmake/$package/${package}ConfigVersion.cmake"
+test -f "$prefix/lib/pkgconfig/kelo$suffix.pc"
 
+<<<<<<< HEAD
 # The QML module, when built: its qmldir beside a plugin that finds the installed libkelo.so.1.
 if [ -f "$build_dir/qml/Kelo/qmldir" ]; then
     plugin=$(find "$work/prefix" -path '*/qt5/qml/Kelo/libkeloqml.so')
@@ -22,14 +34,25 @@ if [ -f "$build_dir/qml/Kelo/qmldir" ]; then
 fi
 
 cmake -S "$source_dir" -B "$work/host" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+=======
+cmake -S "$source_dir" -B "$work/host" -DCMAKE_PREFIX_PATH="$prefix" -DKELO_PACKAGE="$package" \
+    >/dev/null
+>>>>>>> Build against Qt 6 with -DKELO_QT_MAJOR=6, installable beside the Qt 5 build
 cmake --build "$work/host" >/dev/null
 
 # The same host through pkg-config.
-flags=$(PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" pkg-config --cflags --libs kelo)
+flags=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs "kelo$suffix")
 moc_free_host="$work/pc_host.cpp"
-printf '#include <kelo/kelosdk.h>\nint main(){ Kelosdk* p = nullptr; return p ? 1 : 0; }\n' > "$moc_free_host"
+printf '#include <kelo/kelosdk.h>\nint main(){ Kelosdk* p = nullptr; return p && p->userIslogged(); }\n' \
+    > "$moc_free_host"
 # shellcheck disable=SC2086
 g++ -std=c++17 -fPIC "$moc_free_host" -o "$work/pc_host" $flags
+# Each host is linked to its own major's library, never to the other one.
+for host in "$work/host/install_host" "$work/pc_host"; do
+    linked=$(LD_LIBRARY_PATH="$prefix/lib" ldd "$host" | grep -o 'libkelo[^ ]*\|libQt[56]Core[^ ]*' | sort -u | tr '\n' ' ')
+    [ "$linked" = "libQt${major}Core.so.$major libkelo$suffix.so.1 " ] ||
+        { echo "$host links: $linked" >&2; exit 1; }
+done
 
 "$cloud" --port 0 --ca-dir "$work/ca" > "$work/cloud.out" 2>&1 &
 cloud_pid=$!
@@ -37,5 +60,5 @@ for _ in $(seq 100); do grep -q "listening on" "$work/cloud.out" && break; sleep
 hostport=$(sed -n 's/.*listening on \([0-9.:]*\).*/\1/p' "$work/cloud.out")
 test -n "$hostport" || { cat "$work/cloud.out"; exit 1; }
 KELO_SERVER_HOST=$hostport KELO_CA="$work/ca/ca.pem" QT_QPA_PLATFORM=offscreen \
-    LD_LIBRARY_PATH="$work/prefix/lib" "$work/host/install_host"
-echo "installed package: find_package and pkg-config hosts built; host connected to $hostport"
+    LD_LIBRARY_PATH="$prefix/lib" "$work/host/install_host"
+echo "installed package (Qt $major): find_package($package) and pkg-config kelo$suffix hosts built; host connected to $hostport"

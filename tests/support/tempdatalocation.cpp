@@ -5,8 +5,8 @@
 TempDataLocation::TempDataLocation()
 {
     qputenv("XDG_DATA_HOME", (dir.path() + "/home/share").toUtf8());
-    imagesPath =
-        QStandardPaths::standardLocations(QStandardPaths::DataLocation).value(0) + "/images";
+    imagesPath = QStandardPaths::standardLocations(QStandardPaths::AppLocalDataLocation).value(0) +
+                 "/images";
 }
 
 bool TempDataLocation::isValid() const

@@ -44,3 +44,12 @@ private:
 
 /// Adds @p pem to the CAs of the process's default TLS configuration (keeping the others).
 void trustCertificateAuthority(const QByteArray& pem);
+
+/// Qt's error text for a request to the Untrusted server: Qt 6 names the reason after Qt 5's text.
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+#define KELO_TEST_UNTRUSTED_TEXT                                                                   \
+    "SSL handshake failed: The root certificate of the certificate chain is self-signed, and "     \
+    "untrusted"
+#else
+#define KELO_TEST_UNTRUSTED_TEXT "SSL handshake failed"
+#endif
