@@ -256,7 +256,7 @@ int callgrindMode(const QString& which)
         out = sdkRewrite(text);
     else if (which == QLatin1String("baseline"))
         out = rawRewrite(text);
-    std::printf("%d\n", out.size());
+    std::printf("%lld\n", static_cast<long long>(out.size())); // int in Qt 5, qsizetype in Qt 6
     return 0;
 }
 
