@@ -9,6 +9,11 @@ option(KELO_PACKAGING "Configure the Debian packages (CPack DEB); set by tools/m
 if(NOT KELO_PACKAGING)
     return()
 endif()
+# The packages carry the Qt 5 build, the one Debian 12 devices run. The Qt 6 build installs with
+# its own names (libkelo-qt6.so.1, KeloQt6) through cmake --install.
+if(NOT KELO_QT_MAJOR STREQUAL "5")
+    message(FATAL_ERROR "The Debian packages are made from the Qt 5 build (KELO_QT_MAJOR=5)")
+endif()
 
 set(KELO_DEB_REVISION 1 CACHE STRING "Debian revision of the packages (the n in 1.0.0-n)")
 set(KELO_DEB_MAINTAINER "libkelo developers <dev@kelo.example>" CACHE STRING "Maintainer field")

@@ -6,7 +6,6 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config git
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
-    qt6-base-dev qt6-base-dev-tools qt6-websockets-dev
     libboost-dev libssl-dev openssl
     libqrencode-dev
     # The Qt Quick module Kelo and the touch-screen terminal (examples/kelo-terminal): the QML
@@ -15,6 +14,12 @@ packages=(
     qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
     qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
     zbar-tools fonts-dejavu-core
+    # The Qt 6 build (run-tests.sh qt6), the QML module and the terminal included.
+    qt6-base-dev qt6-base-dev-tools qt6-websockets-dev
+    qt6-declarative-dev qt6-declarative-dev-tools
+    qml6-module-qtqml qml6-module-qtqml-workerscript qml6-module-qtquick qml6-module-qtquick-window
+    qml6-module-qtquick-layouts qml6-module-qtquick-controls qml6-module-qtquick-templates
+    qml6-module-qttest
 )
 packages+=("$@")
 

@@ -23,21 +23,18 @@ test -f "$prefix/$includedir/kelo/kelosdk.h"
 test -f "$prefix/lib/cmake/$package/${package}ConfigVersion.cmake"
 test -f "$prefix/lib/pkgconfig/kelo$suffix.pc"
 
-<<<<<<< HEAD
-# The QML module, when built: its qmldir beside a plugin that finds the installed libkelo.so.1.
+# The QML module, when built: its qmldir beside a plugin that finds the installed libkelo of its
+# own Qt major, in Qt's own QML folder of that major.
 if [ -f "$build_dir/qml/Kelo/qmldir" ]; then
-    plugin=$(find "$work/prefix" -path '*/qt5/qml/Kelo/libkeloqml.so')
+    plugin=$(find "$prefix" -path "*/qt$major/qml/Kelo/libkeloqml.so")
     test -n "$plugin" && test -f "$(dirname "$plugin")/qmldir"
-    found=$(LD_LIBRARY_PATH="" ldd "$plugin" | sed -n 's/.*libkelo\.so\.1 => \([^ ]*\).*/\1/p')
-    [ "$(realpath -ms "$found")" = "$work/prefix/lib/libkelo.so.1" ] ||
-        { echo "the installed QML plugin does not find the installed libkelo.so.1 ($found)"; exit 1; }
+    found=$(LD_LIBRARY_PATH="" ldd "$plugin" | sed -n "s/.*libkelo$suffix\.so\.1 => \([^ ]*\).*/\1/p")
+    [ "$(realpath -ms "$found")" = "$prefix/lib/libkelo$suffix.so.1" ] ||
+        { echo "the installed QML plugin does not find the installed libkelo$suffix.so.1 ($found)"; exit 1; }
 fi
 
-cmake -S "$source_dir" -B "$work/host" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-=======
 cmake -S "$source_dir" -B "$work/host" -DCMAKE_PREFIX_PATH="$prefix" -DKELO_PACKAGE="$package" \
     >/dev/null
->>>>>>> Build against Qt 6 with -DKELO_QT_MAJOR=6, installable beside the Qt 5 build
 cmake --build "$work/host" >/dev/null
 
 # The same host through pkg-config.
