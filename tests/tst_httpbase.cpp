@@ -285,8 +285,6 @@ private Q_SLOTS:
             QVERIFY2(sent - sentBefore < 4 * kDefaultCap, QByteArray::number(sent - sentBefore));
         });
     }
-    // An owner may delete the request object (and with it the reply) from its error handler
-    // outright, also when the answer was aborted for its size while Qt was delivering it.
     // Every header the server sees, in order: the same whichever Qt major the library is built
     // with (Qt 6 would otherwise offer HTTP/2 and follow redirects itself).
     void sameHeadersWithEitherQt_data()
@@ -329,6 +327,8 @@ private Q_SLOTS:
             QCOMPARE(seen.join('|'), headers);
         });
     }
+    // An owner may delete the request object (and with it the reply) from its error handler
+    // outright, also when the answer was aborted for its size while Qt was delivering it.
     void ownerDeletesOnRefusal()
     {
         forKind([this](auto tag) {

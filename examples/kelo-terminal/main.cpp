@@ -40,7 +40,7 @@ int main(int argc, char** argv)
     // pictures are the same on every machine.
     if (walksOffscreen(argc, argv)) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
-        QQuickWindow::setSceneGraphBackend(QSGRendererInterface::Software);
+        QQuickWindow::setSceneGraphBackend(QStringLiteral("software")); // the name both Qt majors take
     }
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     // qtquickcontrols2.conf names Qt 5's flat "Default" style, which Qt 6 calls "Basic".
