@@ -120,6 +120,11 @@ template <class Owner> struct HttpRequest
     {
         if (cap <= 0)
             return;
+        // Qt reads the answer in a thread of its own and queues what it read to this one: on a
+        // fast link a busy event loop would see a long answer only once all of it had been read
+        // into memory. A read buffer one byte over the cap makes Qt stop reading there (and the
+        // server's sending stall), so the check below always runs before more than that is held.
+        reply->setReadBufferSize(cap + 1);
         const auto check = [&owner, reply, cap] {
             if (reply->property(TooLargeProperty).isValid())
                 return;
