@@ -1,4 +1,6 @@
 // The build's products: the signing key must never sit in a file as one string.
+#include "testwait.h"
+
 #include <QDirIterator>
 #include <QFile>
 #include <QProcess>
@@ -50,8 +52,8 @@ private Q_SLOTS:
         install.setProcessChannelMode(QProcess::MergedChannels);
         install.start(QStringLiteral(KELO_TEST_CMAKE_COMMAND),
                       {"--install", KELO_TEST_BUILD_DIR, "--prefix", prefix.path()});
-        QVERIFY2(install.waitForFinished(120000) && install.exitStatus() == QProcess::NormalExit &&
-                     install.exitCode() == 0,
+        QVERIFY2(install.waitForFinished(4 * kWait) &&
+                     install.exitStatus() == QProcess::NormalExit && install.exitCode() == 0,
                  install.readAll().right(400).constData()); // cmake's last words name the cause
         // kelo-cloud's default is the development key: with that key it legitimately holds it,
         // which is why CI builds with a key of its own (tools/run-tests.sh).

@@ -6,6 +6,7 @@
 #include "picturestamp_p.h"
 #include "tempdatalocation.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QDirIterator>
 #include <QJsonArray>
@@ -455,7 +456,7 @@ QString TestDownloadFileMan::sync(CDownloadFileMan& manager, const QList<Dish>& 
     Libcmn::parseDataFoods(reply, manager, lastUpdate);
     manager.SetData(reply);
     manager.StartDownload();
-    complete.wait(30000);
+    complete.wait(kWait);
     QCoreApplication::processEvents(); // a second completion would be queued by now
     if (complete.count() != 1)
         return QStringLiteral("completed %1 times").arg(complete.count());

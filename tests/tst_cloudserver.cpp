@@ -4,6 +4,7 @@
 #include "cloudcontrol.h"
 #include "replyoutcome.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QElapsedTimer>
 #include <QJsonDocument>
@@ -116,7 +117,7 @@ private:
         QSignalSpy connected(&socket, &QWebSocket::connected);
         socket.open(QUrl("wss://" + cloud.hostPort() + "/kelo/ntf/?appuser=M01&devid=" + devid +
                          "&ws_session=" + ws + "&tk=" + tk));
-        return connected.wait(15000);
+        return connected.wait(kWait);
     }
 
     TestCloud cloud;
@@ -339,7 +340,7 @@ void TestCloudServer::chunkedAndStreamedBodies()
     cloud->scriptReply("/kelo/api/item/", QString(), scripted);
     QNetworkReply* reply = nam->get(QNetworkRequest(cloud.url(kItems)));
     QSignalSpy finished(reply, &QNetworkReply::finished);
-    QVERIFY(finished.wait(15000));
+    QVERIFY(finished.wait(kWait));
     QCOMPARE(reply->error(), QNetworkReply::NoError);
     QCOMPARE(reply->rawHeader("Content-Length"), lengthHeader);
     QCOMPARE(reply->rawHeader("Transfer-Encoding"), chunked ? QByteArray("chunked") : QByteArray());
@@ -392,7 +393,7 @@ void TestCloudServer::socketRoutes()
     QCOMPARE(pongs.count(), 0);
     QCOMPARE(control("/_sim/pongs", "answer=1"), R"(200 {"answer":true,"ok":true})");
     a.ping("answered");
-    QVERIFY(pongs.wait(15000));
+    QVERIFY(pongs.wait(kWait));
     QCOMPARE(pongs.count(), 1);
     QCOMPARE(pongs.first().at(1).toByteArray(), QByteArray("answered"));
 
@@ -413,7 +414,7 @@ void TestCloudServer::downForSecondsThenBackOnSamePort()
              QStringLiteral(R"(200 {"ok":true,"port":%1,"seconds":3})").arg(port));
     QTRY_COMPARE(disconnected.count(), 1);
     QCOMPARE(errorAndStatus(get(kItems)), QStringLiteral("ConnectionRefusedError 0"));
-    QTRY_VERIFY_WITH_TIMEOUT(cloud->isUp(), 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(cloud->isUp(), kWait);
     QCOMPARE(cloud->port(), port);
     QCOMPARE(errorAndStatus(get(kItems)), QStringLiteral("NoError 200"));
 }

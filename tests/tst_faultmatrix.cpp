@@ -5,6 +5,7 @@
 #include "signalrecorder.h"
 #include "tempdatalocation.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QNetworkReply>
 #include <QStandardPaths>
@@ -16,8 +17,6 @@ using kelocloud::CloudReply;
 
 namespace {
 
-// Generous: only a failing row waits this long, and sanitizers or an emulator slow TLS down.
-constexpr int kWait = 20000;
 const QByteArray kGarbage = "<html>not json";
 // What the host passes to onNetworkError when it gives up on a request that never ends.
 constexpr int kHostGaveUpCode = QNetworkReply::TimeoutError;

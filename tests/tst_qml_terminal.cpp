@@ -4,6 +4,7 @@
 #include "cloudcontrol.h"
 #include "tempdatalocation.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QDir>
 #include <QQmlContext>
@@ -99,6 +100,8 @@ public Q_SLOTS:
     {
         engine->addImportPath(QStringLiteral(KELO_QML_BUILD_DIR));
         engine->rootContext()->setContextProperty(QStringLiteral("testCloud"), control.get());
+        // The suites wait with the C++ suites' wait (testwait.h).
+        engine->rootContext()->setContextProperty(QStringLiteral("testWait"), kWait);
     }
     void cleanupTestCase() { control.reset(); }
 

@@ -1,5 +1,7 @@
 // The "kelo-qr" image provider through the whole QML path: an Image whose source is the
 // documented address, drawn by the software renderer, and read back by zbarimg.
+#include "testwait.h"
+
 #include <QDir>
 #include <QGuiApplication>
 #include <QProcess>
@@ -83,7 +85,7 @@ void TestQrImageProvider::readsBackAsThePayload()
     QVERIFY(view.screen()->grabWindow(view.winId()).save(png, "PNG"));
     QProcess reader;
     reader.start(zbarimg, {"--raw", "-q", png});
-    QVERIFY(reader.waitForFinished(60000));
+    QVERIFY(reader.waitForFinished(2 * kWait));
     QCOMPARE(reader.exitCode(), 0);
     QCOMPARE(QString::fromUtf8(reader.readAllStandardOutput()).chopped(1), payload);
 }

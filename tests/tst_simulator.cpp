@@ -3,6 +3,7 @@
 // clean quit on SIGTERM.
 #include "replyoutcome.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -46,7 +47,7 @@ private:
     /// "<exit code>|<rest of stdout>|<stderr>" once @p tool ended by itself.
     static QString outcome(QProcess& tool)
     {
-        if (!tool.waitForFinished(15000) || tool.exitStatus() != QProcess::NormalExit)
+        if (!tool.waitForFinished(kWait) || tool.exitStatus() != QProcess::NormalExit)
             return QStringLiteral("did not end");
         return QString::number(tool.exitCode()) + '|' + tool.readAllStandardOutput() + '|' +
                tool.readAllStandardError();
@@ -98,7 +99,7 @@ void TestSimulator::customFixtureIsServedUntilSigterm()
     // The printed fixture is an integrator's starting point: changed, it is served as it stands.
     QProcess printer;
     start(printer, {"--print-fixture"});
-    QVERIFY(printer.waitForFinished(15000));
+    QVERIFY(printer.waitForFinished(kWait));
     QJsonObject fixture = QJsonDocument::fromJson(printer.readAllStandardOutput()).object();
     QCOMPARE(fixture.value("merchant")["code"].toString(), QStringLiteral("M01"));
     fixture["merchant"] = QJsonObject{{"code", "M77"}, {"name", "Harbour Noodles"}};
@@ -108,7 +109,7 @@ void TestSimulator::customFixtureIsServedUntilSigterm()
     QProcess tool;
     start(tool, {"--port", "0", "--fixture", write(QJsonDocument(fixture).toJson())});
     QByteArray out;
-    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= 2, 15000);
+    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= 2, kWait);
     const QRegularExpressionMatch started =
         QRegularExpression("^kelo-cloud listening on (127\\.0\\.0\\.1:\\d+)\nkelo-cloud CA "
                            "certificate: " +
@@ -160,7 +161,7 @@ void TestSimulator::keyFromOptionOrEnvironment()
     QProcess tool;
     start(tool, QStringList{"--port", "0"} + arguments, variable);
     QByteArray out;
-    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= 2, 15000);
+    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= 2, kWait);
     const QString hostPort =
         QRegularExpression("listening on (\\S+)\n").match(QString::fromUtf8(out)).captured(1);
     QFile ca(dir.filePath("ca.pem"));

@@ -3,6 +3,7 @@
 // pixel, and the QR code of the invoice screen reads back as the invoice's payload.
 #include "cloudcontrol.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QDir>
 #include <QImage>
@@ -86,7 +87,7 @@ void TestTerminalScreenshots::initTestCase()
                                    "--screenshots", shots.path()});
     QVERIFY2(terminal.waitForStarted(), qPrintable(terminal.errorString()));
     // The walk runs while this thread waits: the cloud serves from its own thread.
-    QVERIFY(terminal.waitForFinished(240000));
+    QVERIFY(terminal.waitForFinished(8 * kWait));
     output = terminal.readAll();
     status = terminal.exitStatus() == QProcess::NormalExit ? terminal.exitCode() : -1;
 }
@@ -168,7 +169,7 @@ void TestTerminalScreenshots::invoiceQrReadsAsThePayload()
     QVERIFY2(!zbarimg.isEmpty(), "zbarimg is missing: run tools/install-deps.sh");
     QProcess reader;
     reader.start(zbarimg, {"--raw", "-q", QDir(shots.path()).filePath("06-invoice-qr.png")});
-    QVERIFY(reader.waitForFinished(60000));
+    QVERIFY(reader.waitForFinished(2 * kWait));
     QCOMPARE(reader.exitCode(), 0);
     QCOMPARE(QString::fromUtf8(reader.readAllStandardOutput()).trimmed(), expected);
 }

@@ -5,6 +5,7 @@
 #include "kelosdk.h"
 #include "logcapture.h"
 #include "testcloud.h"
+#include "testwait.h"
 #include "wsclient.h"
 
 #include <QJsonDocument>
@@ -22,7 +23,6 @@ namespace {
 const QString merchant = QStringLiteral("M01");
 const QByteArray commonApi = "/kelo/api/common";
 const QString sessionWord = QStringLiteral("get_ws_session");
-const int eventWait = 30000;
 
 CloudReply answer(const QByteArray& body, int delayMs = 0)
 {
@@ -66,7 +66,7 @@ struct Watched : QObject
     bool startAndConnect()
     {
         client->start();
-        return connected.wait(eventWait);
+        return connected.wait(kWait);
     }
 
     WSClient* client;
@@ -153,10 +153,10 @@ private Q_SLOTS:
         LogCapture log;
         cloud->goDown();
         QVERIFY(w->closed.wait());
-        QTRY_VERIFY_WITH_TIMEOUT(log.count("//error:") > 0, eventWait);
+        QTRY_VERIFY_WITH_TIMEOUT(log.count("//error:") > 0, kWait);
         cloud->scriptReply(commonApi, sessionWord, answer(R"({"err":5,"msg":"busy"})"));
         QVERIFY(cloud->comeBack());
-        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, eventWait);
+        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, kWait);
         QCOMPARE(sessionFetches(), 3);
         QCOMPARE(upgrades().size(), 2);
         QVERIFY(upgrades()[1].accepted);
@@ -179,7 +179,7 @@ private Q_SLOTS:
         cloud->setAnswerPings(false);
         // Later fetches fail, so only the ticks speak while the connection is down.
         cloud->scriptReply(commonApi, sessionWord, answer(R"({"err":5})"), 100);
-        QTRY_VERIFY_WITH_TIMEOUT(w->closedAtTick.contains(last + 5), eventWait);
+        QTRY_VERIFY_WITH_TIMEOUT(w->closedAtTick.contains(last + 5), kWait);
         // Tick 4 closes (the socket's disconnect passes through once more); the next tick declares
         // the connection closed again.
         QCOMPARE(w->closedAtTick, QList<int>({last + 4, last + 4, last + 5}));
@@ -191,9 +191,9 @@ private Q_SLOTS:
         QVERIFY(w->startAndConnect());
         const int last = w->ticks;
         cloud->setAnswerPings(false);
-        QTRY_COMPARE_WITH_TIMEOUT(w->ticks, last + 2, eventWait);
+        QTRY_COMPARE_WITH_TIMEOUT(w->ticks, last + 2, kWait);
         cloud->setAnswerPings(true); // the third ping is answered
-        QTRY_COMPARE_WITH_TIMEOUT(w->ticks, last + 4, eventWait);
+        QTRY_COMPARE_WITH_TIMEOUT(w->ticks, last + 4, kWait);
         QCOMPARE(w->closed.count(), 0);
         QCOMPARE(upgrades().size(), 1);
     }
@@ -207,9 +207,9 @@ private Q_SLOTS:
         QElapsedTimer clock;
         clock.start();
         w->client->start();
-        QTRY_COMPARE_WITH_TIMEOUT(sessionFetches(), 2, 2 * eventWait);
+        QTRY_COMPARE_WITH_TIMEOUT(sessionFetches(), 2, 2 * kWait);
         QVERIFY(clock.elapsed() >= kelo_limits::SessionFetchDeadlineMs);
-        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 1, 30000 - int(clock.elapsed()));
+        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 1, kWait - int(clock.elapsed()));
         qInfo("connected %lld ms after the stalled fetch went out", clock.elapsed());
         QCOMPARE(sessionFetches(), 2);
         QCOMPARE(upgrades().size(), 1);
@@ -229,12 +229,12 @@ private Q_SLOTS:
         QElapsedTimer clock;
         clock.start();
         w->client->start();
-        QVERIFY(w->closed.wait(2 * eventWait)); // the stalled socket is aborted
+        QVERIFY(w->closed.wait(2 * kWait)); // the stalled socket is aborted
         QVERIFY(clock.elapsed() >= kelo_limits::HandshakeDeadlineMs);
         QCOMPARE(upgrades().size(), 1);
         cloud->clearScripts();
         clock.restart();
-        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 1, 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 1, kWait);
         qInfo("connected %lld ms after the server answered again", clock.elapsed());
         QCOMPARE(upgrades().size(), 2);
         QVERIFY(upgrades()[1].accepted);
@@ -275,7 +275,7 @@ private Q_SLOTS:
         QTRY_VERIFY(cloud->connectedDevices().contains(devid));
         // Without its watchdog, only the client's own reopen brings the channel back.
         w->client->stop();
-        QVERIFY(w->client->wait(eventWait));
+        QVERIFY(w->client->wait(kWait));
         QElapsedTimer clock;
         clock.start();
         QCOMPARE(oneFrame ? cloud->pushWholeFrame(devid, big) : cloud->pushToDevice(devid, big), 1);
@@ -284,7 +284,7 @@ private Q_SLOTS:
         // (frames of 4 KiB split the 3-byte ones), although the whole message is valid UTF-8: the
         // notice is lost whatever its size and the socket closes; the watchdog reopens it later.
         if (pad != QLatin1String("x") && !oneFrame) {
-            QTRY_COMPARE_WITH_TIMEOUT(w->closed.count(), 1, eventWait);
+            QTRY_COMPARE_WITH_TIMEOUT(w->closed.count(), 1, kWait);
             QTest::qWait(500);
             QCOMPARE(w->text.count(), 0);
             QCOMPARE(w->connected.count(), 1);
@@ -293,7 +293,7 @@ private Q_SLOTS:
         }
 #endif
         if (over) {
-            QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, eventWait);
+            QTRY_COMPARE_WITH_TIMEOUT(w->connected.count(), 2, kWait);
             qInfo("connected again %lld ms after the push", clock.elapsed());
             QCOMPARE(sessionFetches(), 2);
             QCOMPARE(upgrades().size(), 2);
@@ -348,7 +348,7 @@ private Q_SLOTS:
         QSignalSpy change(sdk.get(), &Kelosdk::cloudConnectionChange);
         QSignalSpy notify(sdk.get(), &Kelosdk::notify);
         QSignalSpy paid(sdk.get(), &Kelosdk::tumipayRequestDone);
-        QVERIFY(change.wait(eventWait));
+        QVERIFY(change.wait(kWait));
         const QString sdkDevice = QJsonDocument::fromJson(cloud->exchanges(commonApi, sessionWord)
                                                               .value(0)
                                                               .param(QStringLiteral("dt"))
@@ -360,7 +360,7 @@ private Q_SLOTS:
         sdk->setMaxNotificationSize(64);
         QCOMPARE(sdk->maxNotificationSize(), qint64(64));
         QVERIFY(cloud->pushText(sdkDevice, notice("payment_success", 65)));
-        QTRY_COMPARE_WITH_TIMEOUT(change.count(), 3, eventWait);
+        QTRY_COMPARE_WITH_TIMEOUT(change.count(), 3, kWait);
         QCOMPARE(change.at(1), QVariantList{false});
         QCOMPARE(change.at(2), QVariantList{true});
         QTRY_VERIFY(cloud->connectedDevices().contains(sdkDevice));

@@ -4,6 +4,7 @@
 #include "kelosdk.h"
 #include "tempdatalocation.h"
 #include "testcloud.h"
+#include "testwait.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -24,8 +25,6 @@ Q_DECLARE_METATYPE(SdkCall)
 Q_DECLARE_METATYPE(kelocloud::CloudReply)
 
 constexpr char kMerchant[] = "M01";
-// Generous: only a failing test waits this long, and sanitizers or an emulator slow TLS down.
-constexpr int kWait = 30000;
 constexpr char kMachine[] = "POS-1";
 
 /// A scripted answer with @p body (status 200).

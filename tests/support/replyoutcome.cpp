@@ -1,12 +1,14 @@
 #include "replyoutcome.h"
 
+#include "testwait.h"
+
 #include <QSignalSpy>
 
 ReplyOutcome finishReply(QNetworkReply* reply)
 {
     QSignalSpy finished(reply, &QNetworkReply::finished);
     if (!reply->isFinished())
-        finished.wait(15000);
+        finished.wait(kWait);
     ReplyOutcome outcome;
     outcome.error = reply->error();
     outcome.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();

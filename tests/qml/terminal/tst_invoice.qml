@@ -30,16 +30,16 @@ TestCase {
         testCloud.clearScripts()
         terminal.requestTimeout = 60000
         terminal.qrKey = "qr_code"
-        tryCompare(terminal, "connected", true, 30000)
+        tryCompare(terminal, "connected", true, testWait)
         if (!terminal.loggedIn) {
             terminal.login("bao", "bao123", KeloTerminal.Cashier)
-            tryCompare(terminal, "loggedIn", true, 30000)
+            tryCompare(terminal, "loggedIn", true, testWait)
         }
         if (terminal.invoiceCode !== "") {
             terminal.cancelInvoice(terminal.invoiceCode)
-            tryCompare(terminal, "invoiceCode", "", 30000)
+            tryCompare(terminal, "invoiceCode", "", testWait)
         }
-        tryCompare(terminal, "busy", false, 30000)
+        tryCompare(terminal, "busy", false, testWait)
         loginSpy.clear(); menuSpy.clear(); invoiceSpy.clear(); paidSpy.clear()
         cancelSpy.clear(); noticeSpy.clear(); failedSpy.clear(); tablesSpy.clear()
     }
@@ -47,13 +47,13 @@ TestCase {
     function openInvoice(amount) {
         var before = invoiceSpy.count
         terminal.createInvoice(amount, "Table 2", "2 x Beef noodle soup")
-        tryCompare(invoiceSpy, "count", before + 1, 30000)
+        tryCompare(invoiceSpy, "count", before + 1, testWait)
         return invoiceSpy.signalArguments[before]
     }
 
     function test_a_wholeDay() {
         terminal.refreshMenu()
-        menuSpy.wait(60000)
+        menuSpy.wait(2 * testWait)
         compare(terminal.menu.count, 8)
         for (var i = 0; i < terminal.menu.count; ++i)
             verify(String(terminal.menu.get(i).img_path).indexOf("file:") === 0)
@@ -66,11 +66,11 @@ TestCase {
         compare(shown[1], terminal.qrSource("kelopay://pay?merchant=M01&invoice=" +
                                             encodeURIComponent(code) + "&amount=150000"))
         qr.source = shown[1]
-        tryCompare(qr, "status", Image.Ready, 10000)
+        tryCompare(qr, "status", Image.Ready, testWait)
         verify(qr.implicitWidth >= 200)
 
         verify(testCloud.markPaid(code))
-        paidSpy.wait(30000)
+        paidSpy.wait(testWait)
         compare(paidSpy.count, 1)
         compare(paidSpy.signalArguments[0][0], code)
         compare(terminal.invoiceCode, "")
@@ -88,8 +88,8 @@ TestCase {
         testCloud.delay("/kelo/api/table/", "getlist", 1500)
         terminal.refreshTables()
         verify(testCloud.markPaid(code))
-        paidSpy.wait(30000)
-        tablesSpy.wait(30000)
+        paidSpy.wait(testWait)
+        tablesSpy.wait(testWait)
         compare(tablesSpy.count, 1)
         compare(failedSpy.count, 0)
         var next = openInvoice(31000)
@@ -101,7 +101,7 @@ TestCase {
         var code = openInvoice(10000)[0]
         compare(testCloud.pushAll('{"dt":{"invoice_code":"INV#999999"},"err":0,"msg":"payment_success","type":1}') > 0, true)
         testCloud.pushAll('{"dt":{},"err":0,"msg":"menu_changed","type":1}')
-        noticeSpy.wait(30000)
+        noticeSpy.wait(testWait)
         compare(noticeSpy.signalArguments[0][0], "menu_changed")
         compare(paidSpy.count, 0)
         compare(terminal.invoiceCode, code)
@@ -110,7 +110,7 @@ TestCase {
     function test_c_cancel() {
         var code = openInvoice(20000)[0]
         terminal.cancelInvoice(code)
-        cancelSpy.wait(30000)
+        cancelSpy.wait(testWait)
         compare(cancelSpy.signalArguments[0][0], code)
         compare(terminal.invoiceCode, "")
         // Paying a cancelled invoice is impossible, so nothing is reported.
@@ -131,24 +131,24 @@ TestCase {
     }
     function test_d_refusals(row) {
         row.act()
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.count, 1)
         compare(failedSpy.signalArguments[0][0], row.code)
         compare(failedSpy.signalArguments[0][1], row.text)
-        tryCompare(terminal, "busy", false, 30000)
+        tryCompare(terminal, "busy", false, testWait)
     }
 
     function test_e_qrKey() {
         terminal.qrKey = "no_such_field"
         terminal.createInvoice(7000, "x", "y")
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.signalArguments[0][0], KeloTerminal.QrPayloadMissing)
         compare(failedSpy.signalArguments[0][2], KeloTerminal.TerminalError)
         compare(invoiceSpy.count, 0)
         verify(terminal.invoiceCode !== "", "the invoice is open and can be cancelled")
 
         terminal.cancelInvoice(terminal.invoiceCode)
-        cancelSpy.wait(30000)
+        cancelSpy.wait(testWait)
         terminal.qrKey = "invoice_code"
         var shown = openInvoice(8000)
         compare(shown[1], terminal.qrSource(shown[0]))
@@ -160,7 +160,7 @@ TestCase {
         testCloud.answer("/kelo/api/invoice/", "get_session", '{"dt":{},"err":232,"msg":"no session"}')
         terminal.requestTimeout = 1500
         terminal.createInvoice(9000, "x", "y")
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.signalArguments[0][0], KeloTerminal.NoAnswer)
         compare(terminal.busy, false)
         terminal.requestTimeout = 60000

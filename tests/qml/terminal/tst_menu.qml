@@ -41,7 +41,7 @@ TestCase {
     function test_a_menuWithCachedPictures() {
         testCloud.clearPictureCache()
         terminal.refreshMenu()
-        menuSpy.wait(60000)
+        menuSpy.wait(2 * testWait)
         compare(failedSpy.count, 0)
         compare(terminal.menu.count, 8)
         compare(countSpy.count, 1)
@@ -65,7 +65,7 @@ TestCase {
         testCloud.clearPictureCache()
         testCloud.answer("/img/items/3.png", "", "gone", 404, 4)
         terminal.refreshMenu()
-        menuSpy.wait(60000)
+        menuSpy.wait(2 * testWait)
         compare(failedSpy.count, 0, "a missing picture is not a failure")
         var shown = 0
         for (var i = 0; i < pictures.count; ++i) {
@@ -87,7 +87,7 @@ TestCase {
         terminal.refreshMenu()
         terminal.refreshMenu()
         compare(terminal.busy, true)
-        tryCompare(menuSpy, "count", 2, 60000)
+        tryCompare(menuSpy, "count", 2, 2 * testWait)
         compare(failedSpy.count, 0)
         compare(terminal.busy, false)
         compare(testCloud.requests("/kelo/api/item/", "getlist") >= 2, true)
@@ -96,7 +96,7 @@ TestCase {
     function test_d_refusedMenuKeepsTheModel() {
         testCloud.answer("/kelo/api/item/", "getlist", '{"dt":{},"err":203,"msg":"unknown merchant"}')
         terminal.refreshMenu()
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.signalArguments[0][0], 203)
         compare(failedSpy.signalArguments[0][1], "unknown merchant")
         compare(menuSpy.count, 0)

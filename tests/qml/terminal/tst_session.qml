@@ -23,16 +23,16 @@ TestCase {
     function init() {
         if (terminal.loggedIn) {
             terminal.logout()
-            tryCompare(terminal, "loggedIn", false, 30000)
+            tryCompare(terminal, "loggedIn", false, testWait)
         }
-        tryCompare(terminal, "busy", false, 30000)
+        tryCompare(terminal, "busy", false, testWait)
         loginSpy.clear(); failedSpy.clear(); loggedOutSpy.clear(); busySpy.clear()
     }
 
     function test_connectedOverTheCloudsCa() {
         // The process trusts nothing but what caFile named: a connected notification channel
         // proves the TLS trust and the server address were applied before the SDK was created.
-        tryCompare(terminal, "connected", true, 30000)
+        tryCompare(terminal, "connected", true, testWait)
     }
 
     function test_loginAndLogout_data() {
@@ -45,7 +45,7 @@ TestCase {
     function test_loginAndLogout(row) {
         terminal.login(row.user, row.password, row.role)
         compare(terminal.busy, true, "busy from the call on")
-        loginSpy.wait(30000)
+        loginSpy.wait(testWait)
         compare(loginSpy.count, 1)
         compare(loginSpy.signalArguments[0][0], 0)
         compare(loginSpy.signalArguments[0][1], "success")
@@ -54,7 +54,7 @@ TestCase {
         compare(terminal.busy, false)
         compare(busySpy.count, 2, "busy went on and off once")
         terminal.logout()
-        loggedOutSpy.wait(30000)
+        loggedOutSpy.wait(testWait)
         compare(terminal.loggedIn, false)
         compare(terminal.userName, "")
         compare(failedSpy.count, 0)
@@ -68,7 +68,7 @@ TestCase {
     }
     function test_refusals(row) {
         terminal.login(row.user, row.password, row.role)
-        loginSpy.wait(30000)
+        loginSpy.wait(testWait)
         compare(loginSpy.signalArguments[0][0], row.code)
         compare(failedSpy.count, 1, "a refusal is also a failure")
         compare(failedSpy.signalArguments[0][0], row.code)
@@ -82,7 +82,7 @@ TestCase {
         // Queued behind the first, the second login meets a logged-in user: the SDK's 107.
         terminal.login("mai", "mai123", KeloTerminal.Waiter)
         terminal.login("bao", "bao123", KeloTerminal.Cashier)
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(loginSpy.count, 1)
         compare(failedSpy.count, 1)
         compare(failedSpy.signalArguments[0][0], 107)
@@ -93,7 +93,7 @@ TestCase {
 
     function test_logoutWithoutLogin() {
         terminal.logout()
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.signalArguments[0][0], 108)
         compare(loggedOutSpy.count, 0)
         compare(terminal.busy, false)

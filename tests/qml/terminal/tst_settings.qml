@@ -32,7 +32,7 @@ TestCase {
         compare(t.failure, 0)
         compare(t.ready, true)
         t.refreshTables()
-        tryCompare(t, "busy", false, 30000)
+        tryCompare(t, "busy", false, testWait)
         compare(t.failure, 0)
         compare(t.tables.count, 6)
     }

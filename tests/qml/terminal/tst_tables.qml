@@ -27,9 +27,9 @@ TestCase {
         terminal.requestTimeout = 60000
         if (!terminal.loggedIn) {
             terminal.login("mai", "mai123", KeloTerminal.Waiter)
-            tryCompare(terminal, "loggedIn", true, 30000)
+            tryCompare(terminal, "loggedIn", true, testWait)
         }
-        tryCompare(terminal, "busy", false, 30000)
+        tryCompare(terminal, "busy", false, testWait)
         tablesSpy.clear(); ordersSpy.clear(); placedSpy.clear(); mergedSpy.clear()
         paidSpy.clear(); failedSpy.clear()
     }
@@ -44,7 +44,7 @@ TestCase {
     function test_a_dayAtTheTables() {
         terminal.refreshTables()
         terminal.loadOrders(2)
-        ordersSpy.wait(30000)
+        ordersSpy.wait(testWait)
         compare(tablesSpy.count, 1, "answered in the order asked")
         compare(terminal.tables.count, 6)
         compare(tableRow(2).status, "occupied")
@@ -60,18 +60,18 @@ TestCase {
         compare(terminal.orders.foods[0].qty, 2)
 
         terminal.order({ table_id: 1, amount: 65000, items: [ { item_id: 1, qty: 1 } ] })
-        placedSpy.wait(30000)
+        placedSpy.wait(testWait)
         compare(placedSpy.signalArguments[0][0].table_id, 1)
         compare(placedSpy.signalArguments[0][0].table_amount, 65000)
 
         terminal.merge(1, 3)
-        mergedSpy.wait(30000)
+        mergedSpy.wait(testWait)
         compare(mergedSpy.signalArguments[0][0].moved, 1)
         compare(mergedSpy.signalArguments[0][0].amount, 65000)
 
         terminal.pay(3, 65000)
         terminal.refreshTables()
-        tryCompare(tablesSpy, "count", 2, 30000)
+        tryCompare(tablesSpy, "count", 2, testWait)
         compare(paidSpy.count, 1)
         compare(paidSpy.signalArguments[0][0].total, 65000)
         compare(tableRow(3).status, "free")
@@ -88,9 +88,9 @@ TestCase {
     }
     function test_b_serverRefusals(row) {
         terminal.loadOrders(2)
-        ordersSpy.wait(30000)
+        ordersSpy.wait(testWait)
         row.act()
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.count, 1)
         compare(failedSpy.signalArguments[0][0], row.code)
         compare(failedSpy.signalArguments[0][1], row.text)
@@ -104,7 +104,7 @@ TestCase {
         testCloud.reset("/kelo/api/invoice/", "get_order_list", 4)
         terminal.loadOrders(2)
         terminal.refreshTables()
-        tablesSpy.wait(30000)
+        tablesSpy.wait(testWait)
         compare(failedSpy.count, 1)
         compare(failedSpy.signalArguments[0][0], 2) // RemoteHostClosedError
         compare(failedSpy.signalArguments[0][2], KeloTerminal.NetworkFailure)
@@ -117,11 +117,11 @@ TestCase {
         terminal.requestTimeout = 1500
         terminal.refreshTables()
         terminal.loadOrders(5)
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.signalArguments[0][0], KeloTerminal.NoAnswer)
         compare(failedSpy.signalArguments[0][1], "the server did not answer in time")
         compare(tablesSpy.count, 0)
-        ordersSpy.wait(30000)
+        ordersSpy.wait(testWait)
         compare(ordersSpy.signalArguments[0][0], 5)
         compare(failedSpy.count, 1)
         compare(terminal.busy, false)
@@ -133,13 +133,13 @@ TestCase {
         terminal.requestTimeout = 1000
         terminal.refreshTables()
         terminal.loadOrders(2)
-        failedSpy.wait(30000)
+        failedSpy.wait(testWait)
         compare(failedSpy.signalArguments[0][0], KeloTerminal.NoAnswer)
         terminal.requestTimeout = 60000 // the order list, now in flight, may take its time
         // The table list given up is abandoned: its late answer is never reported, and the
         // order list that is in flight keeps the terminal busy until its own answer.
         compare(terminal.busy, true)
-        ordersSpy.wait(30000)
+        ordersSpy.wait(testWait)
         compare(ordersSpy.count, 1)
         compare(terminal.busy, false)
         compare(tablesSpy.count, 0)
