@@ -13,20 +13,36 @@
 #include <QUrl>
 #include <QUuid>
 
+#include <iterator>
 #include <utility>
+
+using kelo_sdk::RequestKind;
 
 namespace {
 
-// Busy bits, one per request kind.
-constexpr quint32 BusyMenu = 1;
-constexpr quint32 BusyInvoice = 2;
-constexpr quint32 BusyCancel = 4;
-constexpr quint32 BusyLogin = 8;
-constexpr quint32 BusyTables = 16;
-constexpr quint32 BusyOrder = 32;
-constexpr quint32 BusyTableFoods = 64;
-constexpr quint32 BusyMerge = 128;
-constexpr quint32 BusyPayment = 256;
+// The refusal table lists the kinds in their enum's order, each with a bit of its own.
+constexpr bool refusalsInKindOrder()
+{
+    quint32 bits = 0;
+    for (int i = 0; i < int(std::size(kelo_sdk::Refusals)); ++i) {
+        const kelo_sdk::Refusal& row = kelo_sdk::Refusals[i];
+        if (int(row.kind) != i || (bits & row.busyBit) || row.busyBit == 0)
+            return false;
+        bits |= row.busyBit;
+    }
+    return std::size(kelo_sdk::Refusals) == size_t(RequestKind::Cancel) + 1;
+}
+static_assert(refusalsInKindOrder(), "one refusal row per request kind, in order, distinct bits");
+
+constexpr quint32 BusyMenu = kelo_sdk::busyBit(RequestKind::Menu);
+constexpr quint32 BusyInvoice = kelo_sdk::busyBit(RequestKind::Invoice);
+constexpr quint32 BusyCancel = kelo_sdk::busyBit(RequestKind::Cancel);
+constexpr quint32 BusyLogin = kelo_sdk::busyBit(RequestKind::Login);
+constexpr quint32 BusyTables = kelo_sdk::busyBit(RequestKind::Tables);
+constexpr quint32 BusyOrder = kelo_sdk::busyBit(RequestKind::FoodOrder);
+constexpr quint32 BusyTableFoods = kelo_sdk::busyBit(RequestKind::TableFoods);
+constexpr quint32 BusyMerge = kelo_sdk::busyBit(RequestKind::Merge);
+constexpr quint32 BusyPayment = kelo_sdk::busyBit(RequestKind::Payment);
 
 // Set on the e-wallet request object once it carries the "create" request (see
 // transPermisionRequest).
@@ -38,6 +54,19 @@ QString number(qint64 value)
 }
 
 } // namespace
+
+// ---- request kinds ---------------------------------------------------------------------------
+
+bool KelosdkPrivate::claim(RequestKind kind)
+{
+    const kelo_sdk::Refusal& refusal = kelo_sdk::refusalOf(kind);
+    return q->claim(refusal.busyBit, refusal.code, QString::fromLatin1(refusal.text));
+}
+
+bool KelosdkPrivate::busy(RequestKind kind) const
+{
+    return (q->busyFlags & kelo_sdk::busyBit(kind)) != 0;
+}
 
 // ---- what the object waits on ----------------------------------------------------------------
 
@@ -75,7 +104,7 @@ void KelosdkPrivate::abandonAll(QObject* owner)
 
 Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool debug)
     : QObject(nullptr), busyFlags(0), debugLog(debug), httpDebug(false), currentUserId(-1),
-      d(new KelosdkPrivate)
+      d(new KelosdkPrivate(this))
 {
     if (debugLog)
         qCDebug(kelo_log::sdk) << "KELOSDK>> Welcome to KeloSDK! merchant-id:" << merchantId
@@ -232,7 +261,7 @@ void Kelosdk::userLogin(const QString& usr, const QString& pwd, Kelosdk::user_ty
         emit keloappError(107, QStringLiteral("user '%1' is logined").arg(currentUserName));
         return;
     }
-    if (!claim(BusyLogin, 106, QStringLiteral("kelo process login busy!")))
+    if (!d->claim(RequestKind::Login))
         return;
 
     QString word = QStringLiteral("client_login");
@@ -288,7 +317,7 @@ bool Kelosdk::userIslogged()
 void Kelosdk::foodsRequest()
 {
     log(QStringLiteral("KELOSDK>> Foods request ..."));
-    if (!claim(BusyMenu, 102, QStringLiteral("kelo process food busy!")))
+    if (!d->claim(RequestKind::Menu))
         return;
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
     request->setMaxReplySize(d->maxReplyBytes);
@@ -328,7 +357,7 @@ void Kelosdk::onFoodsReadyDownload(const QVariant& data)
 void Kelosdk::foodOrderRequest(const QJsonObject& foodItems)
 {
     log(QStringLiteral("KELOSDK>> Food Order request ..."));
-    if (!claim(BusyOrder, 102, QStringLiteral("kelo process food order busy!")))
+    if (!d->claim(RequestKind::FoodOrder))
         return;
     sendGet(BusyOrder, "%1/kelo/api/invoice/?", QStringLiteral("confirm_order"),
             Libcmn::formatRequestOrder(merchantId, currentUserId, foodItems),
@@ -341,7 +370,7 @@ void Kelosdk::foodOrderRequest(const QJsonObject& foodItems)
 void Kelosdk::tableRequest()
 {
     log(QStringLiteral("KELOSDK>> Table request ..."));
-    if (!claim(BusyTables, 110, QStringLiteral("kelo process table busy")))
+    if (!d->claim(RequestKind::Tables))
         return;
     sendGet(BusyTables, "%1/kelo/api/table/?", QStringLiteral("getlist"),
             Libcmn::formatRequestFoods(merchantId), [this](const QString& reply) {
@@ -355,8 +384,7 @@ void Kelosdk::tableRequest()
 void Kelosdk::tableFoodsRequest(int tableId)
 {
     log(QStringLiteral("KELOSDK>> Foods order list ..., tableId=") + number(tableId));
-    if (!claim(BusyTableFoods, 111,
-               QStringLiteral("kelo process ordered foods list information detail!")))
+    if (!d->claim(RequestKind::TableFoods))
         return;
     sendGet(BusyTableFoods, "%1/kelo/api/invoice/?", QStringLiteral("get_order_list"),
             Libcmn::formatOrderlist(merchantId, tableId), [this](const QString& reply) {
@@ -368,7 +396,7 @@ void Kelosdk::tableFoodsRequest(int tableId)
 void Kelosdk::tableMergeRequest(int frmtableId, int totableId)
 {
     log(QStringLiteral("KELOSDK>> Merge table, from:%1 to:%2").arg(frmtableId).arg(totableId));
-    if (!claim(BusyMerge, 112, QStringLiteral("kelo process merge table!")))
+    if (!d->claim(RequestKind::Merge))
         return;
     sendGet(BusyMerge, "%1/kelo/api/invoice/?", QStringLiteral("merge_table"),
             Libcmn::formatMergetable(merchantId, frmtableId, totableId),
@@ -388,7 +416,7 @@ void Kelosdk::paymentRequest(int tableId, int amount)
     log(QStringLiteral("KELOSDK>> Payment request, table id=%1, amount=%2")
             .arg(tableId)
             .arg(amount));
-    if (!claim(BusyPayment, 113, QStringLiteral("kelo process payment busy")))
+    if (!d->claim(RequestKind::Payment))
         return;
     sendGet(BusyPayment, "%1/kelo/api/invoice/?", QStringLiteral("payment"),
             Libcmn::formatPayment(merchantId, tableId, currentUserId, amount),
@@ -405,7 +433,7 @@ void Kelosdk::tumipayRequest(long money, const QString& description, const QStri
 {
     log(QStringLiteral("KELOSDK>> Tumipay request, money=") + number(money) +
         QStringLiteral(", description=") + description + QStringLiteral(", detail=") + itemDetail);
-    if (!claim(BusyInvoice, 103, QStringLiteral("kelo process tumipay busy")))
+    if (!d->claim(RequestKind::Invoice))
         return;
     transPermisionRequest(1, money, description, itemDetail);
 }
@@ -508,12 +536,10 @@ void Kelosdk::tumipayCancel(const QString& invoiceCode)
         return;
     }
     log(QStringLiteral("KELOSDK>> Tumipay cancel, invoice code=") + invoiceCode);
-    if (busyFlags & BusyCancel) {
+    if (d->busy(RequestKind::Cancel))
         log(QStringLiteral("KELOSDK>> Please waiting, system busy cancel process ..."));
-        emit keloappError(104, QStringLiteral("kelo process paycancel busy"));
+    if (!d->claim(RequestKind::Cancel))
         return;
-    }
-    busyFlags |= BusyCancel;
     sendGet(BusyCancel, "%1/kelo/api/invoice", QStringLiteral("cancel"),
             Libcmn::formatInvoiceCancel(invoiceCode, merchantId), [this](const QString& reply) {
                 log(QStringLiteral("KELOSSDK>> Tumipay cancel respone:") + reply);

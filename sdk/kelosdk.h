@@ -159,8 +159,11 @@ private:
     // One pointer where 1.0 kept the invoice request: the class keeps its size and layout, so
     // hosts built against 1.0 keep working.
     KelosdkPrivate* d = nullptr;
+    // It claims a request kind (busy bit, refusal) through claim() below.
+    friend class KelosdkPrivate;
 
-    // Busy guard: false (after keloappError(code, text)) if @p bit is taken, else takes it.
+    // Busy guard: false (after keloappError(code, text)) if @p bit is taken, else takes it. The
+    // request slots claim by kind, with the kind's bit and refusal (KelosdkPrivate::claim).
     bool claim(quint32 bit, int code, const QString& text);
     void release(quint32 bit);
     // One "KELOSDK>> " line, only when debugLog is set.

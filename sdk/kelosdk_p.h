@@ -8,12 +8,76 @@
 #include <QPointer>
 #include <QtGlobal>
 
+class Kelosdk;
 class QObject;
 class WSClient;
+
+namespace kelo_sdk {
+
+/// The request kinds that the SDK object holds while their request is out: at most one of each.
+/// The e-wallet chain ("get_session", then "create") is one kind, Invoice.
+enum class RequestKind
+{
+    Login,
+    Menu,
+    FoodOrder,
+    Tables,
+    TableFoods,
+    Merge,
+    Payment,
+    Invoice,
+    Cancel
+};
+
+/// A request kind's busy bit, and the keloappError() that refuses a second request of the kind
+/// while the first holds the bit.
+struct Refusal
+{
+    RequestKind kind;
+    quint32 busyBit;
+    int code;
+    const char* text;
+};
+
+/// Every request kind's refusal, in RequestKind order. The other refusals of the SDK object are
+/// not about a kind being busy and carry a name in their text: 105 (tumipayCancel with an unknown
+/// invoice code), 107 (userLogin while someone is logged in) and 108 (userLogout with nobody
+/// logged in). No refusal uses code 109.
+inline constexpr Refusal Refusals[] = {
+    {RequestKind::Login, 8, 106, "kelo process login busy!"},
+    {RequestKind::Menu, 1, 102, "kelo process food busy!"},
+    {RequestKind::FoodOrder, 32, 102, "kelo process food order busy!"},
+    // Held only while the request is built: never refused in practice.
+    {RequestKind::Tables, 16, 110, "kelo process table busy"},
+    {RequestKind::TableFoods, 64, 111, "kelo process ordered foods list information detail!"},
+    {RequestKind::Merge, 128, 112, "kelo process merge table!"},
+    // Held only while the request is built, like Tables.
+    {RequestKind::Payment, 256, 113, "kelo process payment busy"},
+    {RequestKind::Invoice, 2, 103, "kelo process tumipay busy"},
+    {RequestKind::Cancel, 4, 104, "kelo process paycancel busy"},
+};
+
+/// The refusal of @p kind.
+constexpr const Refusal& refusalOf(RequestKind kind)
+{
+    return Refusals[static_cast<int>(kind)];
+}
+
+/// The busy bit of @p kind.
+constexpr quint32 busyBit(RequestKind kind)
+{
+    return refusalOf(kind).busyBit;
+}
+
+} // namespace kelo_sdk
 
 class KelosdkPrivate
 {
 public:
+    explicit KelosdkPrivate(Kelosdk* owner) : q(owner) {}
+
+    /// The SDK object this belongs to.
+    Kelosdk* const q;
     /// The notification client; it is never deleted and outlives the SDK object.
     WSClient* client = nullptr;
 
@@ -26,6 +90,12 @@ public:
     qint64 maxReplyBytes = kelo_limits::DefaultMaxReplyBytes;
     qint64 maxPictureBytes = kelo_limits::DefaultMaxPictureBytes;
     qint64 maxNotificationBytes = kelo_limits::DefaultMaxNotificationBytes;
+
+    /// Takes @p kind's busy bit, true; or, if a request of the kind is already out, emits the
+    /// kind's refusal (keloappError) and returns false.
+    bool claim(kelo_sdk::RequestKind kind);
+    /// True while a request of @p kind holds its busy bit.
+    bool busy(kelo_sdk::RequestKind kind) const;
 
     /// Starts waiting on @p object.
     void track(QObject* object);

@@ -165,9 +165,9 @@ void TestFaultMatrix::everyKindAgainstEveryFault_data()
             else if (name == "merge" && body.isEmpty())
                 row(kind.done, {R"({"err":0,"msg":"table merge success!"})"});
             else if (name == "get_session") // a refused session: nothing said, the kind held
-                row("", {}, kind.busy);
+                row("", {}, kind.busy());
             else if (name == "create") // unreadable: -1, no message; held as an open invoice
-                row("keloappError", {-1, QString()}, kind.busy);
+                row("keloappError", {-1, QString()}, kind.busy());
             else if (name == "cancel") // any answer ends the invoice
                 row(kind.done, {body},
                     {105, "kelo cancel invoice code not existed (" + kInvoiceCode + ')'});

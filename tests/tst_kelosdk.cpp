@@ -42,6 +42,7 @@ private Q_SLOTS:
     void cleanupTestCase() { f.sdk.reset(); }
 
     void opensTheNotificationChannelAsItsOwnDevice();
+    void refusesWithTheDocumentedCodesAndTexts();
     void sendsEachKindOneAtATime_data();
     void sendsEachKindOneAtATime();
     void menuStaysBusyUntilThePicturesAreThrough();
@@ -74,6 +75,20 @@ void TestKelosdk::opensTheNotificationChannelAsItsOwnDevice()
     const QString secondDevice = f.newDevice();
     QVERIFY2(kHex32.match(secondDevice).hasMatch(), qPrintable(secondDevice));
     QVERIFY(secondDevice != devid);
+}
+
+// The library's refusal table holds the codes and texts that the integration guide promises to
+// hosts, byte for byte; sendsEachKindOneAtATime then checks that each kind is refused with its row.
+void TestKelosdk::refusesWithTheDocumentedCodesAndTexts()
+{
+    QFile guide(QStringLiteral(KELO_TEST_GUIDE));
+    QVERIFY2(guide.open(QIODevice::ReadOnly), KELO_TEST_GUIDE);
+    const QString promises = QString::fromUtf8(guide.readAll());
+    for (const kelo_sdk::Refusal& refusal : kelo_sdk::Refusals) {
+        const QString promised =
+            QStringLiteral("%1 \"%2\"").arg(refusal.code).arg(QString::fromLatin1(refusal.text));
+        QVERIFY2(promises.contains(promised), qPrintable(promised));
+    }
 }
 
 void TestKelosdk::sendsEachKindOneAtATime_data()
@@ -109,15 +124,15 @@ void TestKelosdk::sendsEachKindOneAtATime()
     SignalRecorder seen(&sdk, {"cloudConnectionChange"});
     k.call(sdk);
     k.call(sdk);
-    const int sent = k.busy.isEmpty() ? 2 : 1;
+    const int sent = k.busy().isEmpty() ? 2 : 1;
     QTRY_COMPARE_WITH_TIMEOUT(seen[k.done].size(), sent, kWait);
     for (const QVariantList& done : qAsConst(seen[k.done]))
         QCOMPARE(done, QVariantList{QString::fromUtf8(kEmptyMenu)});
-    if (!k.busy.isEmpty())
-        QCOMPARE(seen["keloappError"].constFirst(), k.busy);
+    if (!k.busy().isEmpty())
+        QCOMPARE(seen["keloappError"].constFirst(), k.busy());
     const QString doneCount = QStringLiteral("%1 x%2").arg(QString::fromLatin1(k.done)).arg(sent);
-    QCOMPARE(seen.fired(), (k.busy.isEmpty() ? QStringList{doneCount}
-                                             : QStringList{"keloappError x1", doneCount}));
+    QCOMPARE(seen.fired(), (k.busy().isEmpty() ? QStringList{doneCount}
+                                               : QStringList{"keloappError x1", doneCount}));
 
     const QList<CloudExchange> requests = f.cloud->exchanges(k.path, k.cm);
     QCOMPARE(requests.size(), sent);

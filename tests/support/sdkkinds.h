@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kelosdk.h"
+#include "kelosdk_p.h"
 
 #include <QByteArray>
 #include <QList>
@@ -17,14 +18,19 @@ inline const QByteArray kInvoiceReply =
 /// One request kind of the SDK object as the suites drive it.
 struct SdkKind
 {
-    const char* name; ///< "menu", "food order", ...
-    QByteArray path;  ///< where the request goes ...
-    QString cm;       ///< ... and its operation word
-    QByteArray done;  ///< the signal that carries the answer; empty: none
-    /// The refusal of a second request while the first is out; empty: never refused (the kind
-    /// is held only while its request is built).
-    QVariantList busy;
+    const char* name;           ///< "menu", "food order", ...
+    QByteArray path;            ///< where the request goes ...
+    QString cm;                 ///< ... and its operation word
+    QByteArray done;            ///< the signal that carries the answer; empty: none
+    kelo_sdk::RequestKind kind; ///< the library's kind: its busy bit and its refusal
+    /// False: the kind is held only while its request is built, so a second request is never
+    /// refused.
+    bool heldWhileOut;
     std::function<void(Kelosdk&)> call; ///< one request of the kind, always the same arguments
+
+    /// The refusal of a second request while the first is out, {code, text} as the library's
+    /// table gives it (what the SDK object must emit); empty: never refused.
+    QVariantList busy() const;
 };
 
 /// Every request kind: login, menu, food order, tables, table foods, merge, payment, get_session,
