@@ -44,8 +44,8 @@ constexpr quint32 BusyTableFoods = kelo_sdk::busyBit(RequestKind::TableFoods);
 constexpr quint32 BusyMerge = kelo_sdk::busyBit(RequestKind::Merge);
 constexpr quint32 BusyPayment = kelo_sdk::busyBit(RequestKind::Payment);
 
-// Set on the e-wallet request object once it carries the "create" request (see
-// transPermisionRequest).
+// Set on the e-wallet request object once it carries the "create" request (see the invoice
+// chain, above tumipayRequest).
 constexpr char CreateSent[] = "keloCreateSent";
 
 QString number(qint64 value)
@@ -410,6 +410,35 @@ void Kelosdk::tableMergeRequest(int frmtableId, int totableId)
 }
 
 // ---- payments and e-wallet invoices ----------------------------------------------------------
+//
+// The invoice chain, from tumipayRequest() to a paid or cancelled invoice. Its kind is
+// RequestKind::Invoice (busy bit 2, refusal 103); the other comments of this section refer here.
+//
+//   none             Bit 2 clear, invoiceCode empty. tumipayRequest() claims the bit and creates
+//                    the chain's request object (newTransferRequest), which sends "get_session".
+//   session pending  Bit 2 set; the request object, tracked in d->inFlight, carries
+//                    "get_session" and has no CreateSent property. A session with code 0 (and
+//                    paytype 1) moves on to "create" on the same object (sendCreate); any other
+//                    answer settles the object and emits nothing, and bit 2 stays set.
+//   create pending   Bit 2 set; the same object carries "create" and has CreateSent set: its
+//                    replies belong to onTumipayQRInvoiceCode alone (the session handler, still
+//                    connected, ignores them).
+//   open             The "create" answer is in and no request object is left; bit 2 stays set
+//                    whatever the answer. Code 0: invoiceCode holds the new invoice's code
+//                    (tumiQRInvoiceCode); another code: keloappError, invoiceCode as it was.
+//   paid             The "payment_success" notice of invoiceCode clears invoiceCode; bit 2 stays
+//                    set, so a new invoice is refused until a reset.
+//   cancelled        tumipayCancel(invoiceCode) releases bit 2 at once (a new invoice may start
+//                    while the cancel is out) and clears invoiceCode when the cancel is answered.
+//
+// A transport error on "get_session" or "create" (requestFailed) and onNetworkError() release
+// bit 2 from any state. Who releases the request object: there is one per chain, no member holds
+// it (1.0 kept it in a member, where the pointer d now stands). It is released with deleteLater()
+// through d->settle() by whichever handler ends the chain: the session handler for a refused
+// session, onTumipayQRInvoiceCode for the "create" answer, requestFailed for a transport error;
+// or by d->abandonAll() when the host gives up (onNetworkError) or the SDK object goes. A host's
+// own tumipayTransfers() sends "create" on an object of its own, without claiming bit 2, and
+// that object ends as a "create" object does.
 
 void Kelosdk::paymentRequest(int tableId, int amount)
 {
@@ -466,8 +495,7 @@ void Kelosdk::transPermisionRequest(int paytype, long money, const QString& desc
                     return;
                 QString sesId;
                 const int code = Libcmn::getSesId(data.toString(), sesId);
-                // A refused session emits nothing and keeps bit 2 until a cancel, a transport
-                // error or onNetworkError frees it.
+                // A refused session emits nothing and keeps bit 2 (see the invoice chain above).
                 if (code == 0 && paytype == 1)
                     sendCreate(request, sesId, money, description, itemDetail);
                 else // the chain ends here: the object has nothing more to carry
@@ -523,7 +551,7 @@ void Kelosdk::onTumipayQRInvoiceCode(const QVariant& data)
     } else {
         emit keloappError(code, msg);
     }
-    // Bit 2 stays set while the invoice is open: a second invoice waits for a cancel.
+    // Bit 2 stays set while the invoice is open (see the invoice chain above).
 }
 
 void Kelosdk::tumipayCancel(const QString& invoiceCode)
