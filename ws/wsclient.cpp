@@ -18,9 +18,9 @@
 
 namespace {
 
-constexpr int keepAliveIntervalMs = 3000;
-constexpr unsigned long watchdogPeriodS = 3;
-constexpr unsigned long sessionBusyWaitS = 6;
+constexpr int KeepAliveIntervalMs = 3000;
+constexpr unsigned long WatchdogPeriodS = 3;
+constexpr unsigned long SessionBusyWaitS = 6;
 
 QString now()
 {
@@ -242,7 +242,7 @@ WSClient::~WSClient()
 
 void WSClient::start()
 {
-    timerId = startTimer(keepAliveIntervalMs, Qt::CoarseTimer);
+    timerId = startTimer(KeepAliveIntervalMs, Qt::CoarseTimer);
     running = true;
     getSession();
     WatchdogRegistry::instance().add(this);
@@ -361,11 +361,11 @@ void WSClient::run()
     setTerminationEnabled(false);
     while (running) {
         while (sessionBusy) {
-            sleepTerminable(sessionBusyWaitS);
+            sleepTerminable(SessionBusyWaitS);
             if (!running)
                 return;
         }
-        sleepTerminable(watchdogPeriodS);
+        sleepTerminable(WatchdogPeriodS);
         if (socketValid)
             continue;
         if (debug)
