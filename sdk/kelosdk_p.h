@@ -39,8 +39,8 @@ struct Refusal
     const char* text;
 };
 
-/// Every request kind's refusal, in RequestKind order. The other refusals of the SDK object are
-/// not about a kind being busy and carry a name in their text: 105 (tumipayCancel with an unknown
+/// Every request kind's refusal, in RequestKind order. The SDK object's other refusals are not
+/// about a kind being busy and stay where they are decided: 105 (tumipayCancel with an unknown
 /// invoice code), 107 (userLogin while someone is logged in) and 108 (userLogout with nobody
 /// logged in). No refusal uses code 109.
 inline constexpr Refusal Refusals[] = {
