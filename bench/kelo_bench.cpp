@@ -7,6 +7,11 @@
 //   kelo_bench --only menu                     (the menu sync alone, for a profiler)
 //   kelo_bench --only reply-cap                (the refused 200 MB answer alone)
 //   kelo_bench --callgrind sdk|baseline|none   (one catalogue rewrite, for valgrind)
+//   kelo_bench --scale [--scale-dat FILE]      (menu sync and rewrite at 100, 1,000, 10,000
+//                                               dishes, each size in a fresh child process)
+//   kelo_bench --scale-size N                  (one size of --scale; prints one JSON line)
+//   kelo_bench --idle-sdk N [--cloud-exe PATH] (the SDK alone idling N s against kelo-cloud
+//                                               run as another process; prints one JSON line)
 
 #include "cdownloadfileman.h"
 #include "cloudserver.h"
@@ -21,6 +26,7 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QProcess>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QStandardPaths>
@@ -29,7 +35,11 @@
 #include <QUrlQuery>
 #include <QWebSocket>
 
+#include <malloc.h>
+#include <sched.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,7 +58,10 @@ constexpr int kRuns = 7;
 constexpr int kDishes = 300;
 constexpr int kPictureBytes = 30 * 1024;
 constexpr int kCatalogueDishes = 10000;
-constexpr int kPushes = 1000;
+constexpr int kPushes = 10000; // per side
+constexpr int kScaleRuns = 3;
+constexpr int kScalePictureBytes = 2 * 1024; // 10,000 of them fit on any disk and in the time
+const int kScaleSizes[] = {100, 1000, 10000};
 constexpr int kReconnects = 5;
 
 double msSince(Clock::time_point start)
@@ -271,18 +284,18 @@ void trustCa(const QByteArray& pem)
     QSslConfiguration::setDefaultConfiguration(config);
 }
 
-QByteArray picture(int id)
+QByteArray picture(int id, int size = kPictureBytes)
 {
-    QByteArray bytes(kPictureBytes, '\0');
+    QByteArray bytes(size, '\0');
     for (int i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<char>((i * 31 + id) & 0xff);
     return bytes;
 }
 
-QByteArray menuReply(const QString& host)
+QByteArray menuReply(const QString& host, int dishes = kDishes)
 {
     QJsonArray items;
-    for (int i = 1; i <= kDishes; ++i)
+    for (int i = 1; i <= dishes; ++i)
         items.append(QJsonObject{{"item_id", i},
                                  {"item_name", QStringLiteral("Dish %1").arg(i)},
                                  {"price", 30000},
@@ -315,15 +328,20 @@ double bareGet(QNetworkAccessManager& nam, const QUrl& url, QByteArray* body = n
 class Bench
 {
 public:
-    Bench(kelocloud::CloudServer& cloud) : cloud(cloud) {}
+    Bench(kelocloud::CloudServer& cloud, int dishes = kDishes, int pictureBytes = kPictureBytes)
+        : cloud(cloud), dishes(dishes), pictureBytes(pictureBytes)
+    {
+    }
 
     bool setUp()
     {
         const QString host = cloud.hostPort();
-        for (int i = 1; i <= kDishes; ++i)
-            cloud.putFile(QStringLiteral("/pics/%1.png").arg(i).toLatin1(), picture(i));
+        for (int i = 1; i <= dishes; ++i)
+            cloud.putFile(QStringLiteral("/pics/%1.png").arg(i).toLatin1(),
+                          picture(i, pictureBytes));
         kelocloud::CloudReply menu;
-        menu.body = menuReply(host);
+        menu.body = menuReply(host, dishes);
+        replyBytes = menu.body.size();
         cloud.scriptReply("/kelo/api/item/", QStringLiteral("getlist"), menu, 1000000);
         sdk.reset(new Kelosdk(QString::fromLatin1(kMerchant), QStringLiteral("POS-BENCH"), false));
         QObject::connect(sdk.get(), &Kelosdk::cloudConnectionChange, [this](bool up) {
@@ -352,7 +370,7 @@ public:
                QStringLiteral("/images");
     }
 
-    double sdkFoods()
+    double sdkFoods(int timeoutMs = 120000)
     {
         bool done = false;
         auto c = QObject::connect(sdk.get(), &Kelosdk::foodsRequestDone, [&](const QString& menu) {
@@ -363,7 +381,7 @@ public:
         });
         const auto start = Clock::now();
         sdk->foodsRequest();
-        if (!waitFor([&] { return done; }, 120000))
+        if (!waitFor([&] { return done; }, timeoutMs))
             qWarning("foodsRequestDone did not come");
         const double ms = msSince(start);
         QObject::disconnect(c);
@@ -420,12 +438,125 @@ public:
             warmSdk.push_back(sdkFoods());
             warmPictures.push_back(cloud.exchanges("/pics/").size() - before);
         }
-        return {row(QStringLiteral("1 cold menu sync, 300 x 30 KB"), QStringLiteral("ms"),
-                    median(coldSdk), median(coldBare), QStringLiteral("ratio <= 1.15"), true, 1.15),
-                row(QStringLiteral("2 warm menu sync: picture requests"), QStringLiteral("count"),
-                    median(warmPictures), -1, QStringLiteral("sdk <= 0"), false, 0),
-                row(QStringLiteral("2 warm menu sync vs one catalogue GET"), QStringLiteral("ms"),
-                    median(warmSdk), median(warmBare), QStringLiteral("ratio <= 1.5"), true, 1.5)};
+        QList<Row> parts = warmParts();
+        return parts + QList<Row>{row(QStringLiteral("1 cold menu sync, 300 x 30 KB"),
+                                      QStringLiteral("ms"), median(coldSdk), median(coldBare),
+                                      QStringLiteral("ratio <= 1.15"), true, 1.15),
+                                  row(QStringLiteral("2 warm menu sync: picture requests"),
+                                      QStringLiteral("count"), median(warmPictures), -1,
+                                      QStringLiteral("sdk <= 0"), false, 0),
+                                  row(QStringLiteral("2 warm menu sync vs one catalogue GET"),
+                                      QStringLiteral("ms"), median(warmSdk), median(warmBare),
+                                      QStringLiteral("ratio <= 1.5"), true, 1.5)};
+    }
+
+    /// What a warm sync of this menu does besides the catalogue GET, each part timed alone on
+    /// the same 300 dishes: one queued step per dish through the event loop (the picture
+    /// manager's steps are queued connections), one stat per cached picture, and the parse and
+    /// rewrite of the menu.
+    QList<Row> warmParts()
+    {
+        std::vector<double> steps, stats, rewrite;
+        const QStringList files = QDir(pictureDir()).entryList(QDir::Files);
+        const QString text = QString::fromUtf8(menuReply(cloud.hostPort(), dishes));
+        for (int run = 0; run < kRuns; ++run) {
+            QObject target;
+            int left = dishes;
+            std::function<void()> step = [&] {
+                if (--left > 0)
+                    QMetaObject::invokeMethod(&target, step, Qt::QueuedConnection);
+            };
+            auto t = Clock::now();
+            QMetaObject::invokeMethod(&target, step, Qt::QueuedConnection);
+            waitFor([&] { return left <= 0; });
+            steps.push_back(msSince(t));
+
+            t = Clock::now();
+            struct stat status;
+            int regular = 0;
+            for (const QString& name : files)
+                if (::stat(QFile::encodeName(pictureDir() + QLatin1Char('/') + name).constData(),
+                           &status) == 0 &&
+                    S_ISREG(status.st_mode))
+                    ++regular;
+            stats.push_back(msSince(t));
+            if (regular != dishes)
+                qWarning("warm parts: %d cached pictures, not %d", regular, dishes);
+
+            t = Clock::now();
+            const QString out = sdkRewrite(text);
+            rewrite.push_back(msSince(t));
+            if (out.isEmpty())
+                qWarning("warm parts: the rewrite produced nothing");
+        }
+        return {row(QStringLiteral("2a warm part: a queued step per dish"), QStringLiteral("ms"),
+                    median(steps), -1),
+                row(QStringLiteral("2b warm part: a stat per picture"), QStringLiteral("ms"),
+                    median(stats), -1),
+                row(QStringLiteral("2c warm part: parse and rewrite the menu"),
+                    QStringLiteral("ms"), median(rewrite), -1)};
+    }
+
+    /// One size of --scale: cold and warm menu syncs of this bench's menu, the rewrite alone,
+    /// and the most resident memory any one sync added (VmHWM after it, reset before it, less
+    /// the resident size before it; the in-process cloud serving the sync counts too). The picture
+    /// folder is the cache of XDG_DATA_HOME, below TMPDIR.
+    QJsonObject scaleOne()
+    {
+        std::vector<double> cold, warm, rewrite;
+        double peakGrowth = 0;
+        const int timeout = 600000;
+        // The first sync (cold, TLS sessions and the request's address as in menuSync) counts
+        // for the peak too: the memory it takes is then at hand for the next ones.
+        resetPeakRss();
+        const double first = residentBytes("VmRSS:");
+        sdkFoods(timeout);
+        peakGrowth = std::max(peakGrowth, residentBytes("VmHWM:") - first);
+        // The in-process cloud keeps a record of every request; what freeing them gives back is
+        // the simulator's part of the peak, not the SDK's.
+        malloc_trim(0);
+        const double withRecords = residentBytes("VmRSS:");
+        cloud.clearExchanges();
+        malloc_trim(0);
+        const double cloudRecords = std::max(0.0, withRecords - residentBytes("VmRSS:"));
+        for (int i = 0; i < kScaleRuns; ++i) {
+            QDir(pictureDir()).removeRecursively();
+            cloud.clearExchanges();
+            resetPeakRss();
+            double before = residentBytes("VmRSS:");
+            cold.push_back(sdkFoods(timeout));
+            peakGrowth = std::max(peakGrowth, residentBytes("VmHWM:") - before);
+            if (QDir(pictureDir()).entryList(QDir::Files).size() != dishes)
+                qWarning("scale: a cold sync left %d pictures, not %d",
+                         int(QDir(pictureDir()).entryList(QDir::Files).size()), dishes);
+            cloud.clearExchanges();
+            resetPeakRss();
+            before = residentBytes("VmRSS:");
+            warm.push_back(sdkFoods(timeout));
+            peakGrowth = std::max(peakGrowth, residentBytes("VmHWM:") - before);
+            if (!cloud.exchanges("/pics/").isEmpty())
+                qWarning("scale: a warm sync fetched pictures");
+        }
+        const QString text = bigCatalogue(dishes);
+        for (int i = 0; i < kRuns; ++i) {
+            const auto t = Clock::now();
+            if (sdkRewrite(text).isEmpty())
+                qWarning("scale: the rewrite produced nothing");
+            rewrite.push_back(msSince(t));
+        }
+        QFile loadavg(QStringLiteral("/proc/loadavg"));
+        const QString load = loadavg.open(QIODevice::ReadOnly)
+                                 ? QString::fromLatin1(loadavg.readAll()).section(' ', 0, 0)
+                                 : QString();
+        return {{"dishes", dishes},
+                {"cold_ms", median(cold)},
+                {"warm_ms", median(warm)},
+                {"rewrite_ms", median(rewrite)},
+                {"reply_bytes", replyBytes},
+                {"peak_growth_bytes", peakGrowth},
+                {"cloud_records_bytes", cloudRecords},
+                {"vmhwm_bytes", residentBytes("VmHWM:")},
+                {"load", load}};
     }
 
     Row roundTrip()
@@ -483,15 +614,20 @@ public:
     {
         const QList<kelocloud::CloudUpgrade> ups = cloud.upgrades();
         for (auto it = ups.crbegin(); it != ups.crend(); ++it)
-            if (it->accepted && it->query.queryItemValue("devid") != QLatin1String("bench-bare"))
+            if (it->accepted && !it->query.queryItemValue("devid").startsWith("bench-bare"))
                 return it->query.queryItemValue(QStringLiteral("devid"));
         return {};
     }
 
-    QList<Row> pushLatency()
+    /// Server push to arrival, SDK and a bare QWebSocket interleaved. @p pinned: the client (this
+    /// thread: the SDK and the bare socket) on the last core, every other thread of the process
+    /// (the cloud's among them) on the first, then all back on every core.
+    QList<Row> pushLatency(bool pinned)
     {
+        const QString bareDev =
+            pinned ? QStringLiteral("bench-bare-pinned") : QStringLiteral("bench-bare");
         QWebSocket bare;
-        if (!openBareSocket(bare, QStringLiteral("bench-bare"))) {
+        if (!openBareSocket(bare, bareDev)) {
             qWarning("the bare WebSocket did not open");
             return {};
         }
@@ -503,8 +639,8 @@ public:
             into.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
             got = true;
         };
-        QObject::connect(sdk.get(), &Kelosdk::notify,
-                         [&](const QString& word) { arrival(s, word); });
+        const auto toSdk = QObject::connect(sdk.get(), &Kelosdk::notify,
+                                            [&](const QString& word) { arrival(s, word); });
         QObject::connect(&bare, &QWebSocket::textMessageReceived, [&](const QString& text) {
             arrival(b, QJsonDocument::fromJson(text.toUtf8()).object().value("msg").toString());
         });
@@ -518,45 +654,76 @@ public:
                 return;
             waitFor([&] { return got; }, 5000);
         };
+        const bool pinnedApart = pinned && pinApart(true);
+        if (pinned && !pinnedApart)
+            qWarning("push latency: the threads could not be pinned apart");
         for (int i = 0; i < kPushes; ++i) {
-            push(QStringLiteral("bench-bare"));
+            push(bareDev);
             push(sdkDev);
         }
-        return {row(QStringLiteral("5 push latency p50"), QStringLiteral("ms"), percentile(s, 0.5),
-                    percentile(b, 0.5)),
-                row(QStringLiteral("5 push latency p99"), QStringLiteral("ms"), percentile(s, 0.99),
-                    percentile(b, 0.99), QStringLiteral("sdk <= 2"), false, 2)};
+        if (pinnedApart)
+            pinApart(false);
+        QObject::disconnect(toSdk);
+        if (s.size() < size_t(kPushes) || b.size() < size_t(kPushes))
+            qWarning("push latency: %d and %d of %d pushes arrived", int(s.size()), int(b.size()),
+                     kPushes);
+        const QString how = pinned ? QStringLiteral(", pinned apart") : QString();
+        return {row(QStringLiteral("5 push latency p50") + how, QStringLiteral("ms"),
+                    percentile(s, 0.5), percentile(b, 0.5)),
+                row(QStringLiteral("5 push latency p99") + how, QStringLiteral("ms"),
+                    percentile(s, 0.99), percentile(b, 0.99), QStringLiteral("sdk <= 2"), false, 2),
+                row(QStringLiteral("5 push latency p99.9") + how, QStringLiteral("ms"),
+                    percentile(s, 0.999), percentile(b, 0.999))};
     }
 
-    QList<Row> idle(int seconds)
+    /// @p apart: this thread on the last core, the process's other threads on the first;
+    /// otherwise every thread on every core. False if there is one core or it failed.
+    static bool pinApart(bool apart)
     {
-        auto cpuSeconds = [] {
-            rusage usage{};
-            getrusage(RUSAGE_SELF, &usage);
-            return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
-                   (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-        };
-        auto rssBytes = [] {
-            long pages = 0, resident = 0;
-            if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-                if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2)
-                    resident = 0;
-                std::fclose(f);
-            }
-            return static_cast<double>(resident) * sysconf(_SC_PAGESIZE);
-        };
-        const double cpu0 = cpuSeconds(), rss0 = rssBytes();
-        const auto start = Clock::now();
-        waitFor([&] { return msSince(start) >= seconds * 1000.0; }, seconds * 1000 + 5000);
-        const double cpu = cpuSeconds() - cpu0;
-        const double wall = msSince(start) / 1000;
-        Row cpuRow =
-            row(QStringLiteral("6 idle CPU (process, cloud included)"), QStringLiteral("% core"),
-                100 * cpu / wall, -1, QStringLiteral("sdk <= 0.2"), false, 0.2);
-        Row rssRow = row(QStringLiteral("6 idle RSS growth"), QStringLiteral("MB"),
-                         std::max(0.0, rssBytes() - rss0) / (1024 * 1024), -1,
-                         QStringLiteral("sdk <= 8"), false, 8);
-        return {cpuRow, rssRow};
+        const long cores = sysconf(_SC_NPROCESSORS_ONLN);
+        if (cores < 2)
+            return false;
+        cpu_set_t all, first, last;
+        CPU_ZERO(&all);
+        CPU_ZERO(&first);
+        CPU_ZERO(&last);
+        for (long i = 0; i < cores; ++i)
+            CPU_SET(i, &all);
+        CPU_SET(0, &first);
+        CPU_SET(cores - 1, &last);
+        const pid_t self = static_cast<pid_t>(syscall(SYS_gettid));
+        bool ok = true;
+        for (const QString& task : QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs)) {
+            const pid_t tid = task.toInt();
+            if (tid <= 0)
+                continue;
+            const cpu_set_t* set = !apart ? &all : tid == self ? &last : &first;
+            ok = sched_setaffinity(tid, sizeof(cpu_set_t), set) == 0 && ok;
+        }
+        return ok;
+    }
+
+    /// The SDK alone in a child process, kelo-cloud in another; the child's own getrusage.
+    static QList<Row> idleAlone(int seconds, const QString& cloudExe)
+    {
+        QProcess child;
+        child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        child.start(QCoreApplication::applicationFilePath(),
+                    {QStringLiteral("--idle-sdk"), QString::number(seconds),
+                     QStringLiteral("--cloud-exe"), cloudExe});
+        QJsonObject result;
+        if (child.waitForFinished((seconds + 120) * 1000))
+            result = QJsonDocument::fromJson(child.readAllStandardOutput()).object();
+        else
+            child.kill();
+        if (result.isEmpty())
+            qWarning("idle: the SDK's child process gave no figure");
+        const double cpu = result.value(QStringLiteral("cpu_percent")).toDouble(-1);
+        const double rss = result.value(QStringLiteral("rss_growth_mb")).toDouble(-1);
+        return {row(QStringLiteral("6 idle CPU (SDK process alone, kelo-cloud apart)"),
+                    QStringLiteral("% core"), cpu, -1, QStringLiteral("sdk <= 0.1"), false, 0.1),
+                row(QStringLiteral("6 idle RSS growth"), QStringLiteral("MB"), rss, -1,
+                    QStringLiteral("sdk <= 8"), false, 8)};
     }
 
     Row reconnect()
@@ -635,7 +802,6 @@ public:
         return r;
     }
 
-private:
     /// Resets the process's peak resident size (Linux 4.0 and later); false if it cannot.
     static bool resetPeakRss()
     {
@@ -656,11 +822,235 @@ private:
         return 0;
     }
 
+private:
     kelocloud::CloudServer& cloud;
+    const int dishes;
+    const int pictureBytes;
+    int replyBytes = 0;
     std::unique_ptr<Kelosdk> sdk;
     bool connected = false;
     Clock::time_point connectedAt;
 };
+
+/// --idle-sdk: kelo-cloud started as another process, one connected Kelosdk in this one, then
+/// this process's own CPU time (getrusage) and resident size over @p seconds of idling. Nothing
+/// of the bench wakes the event loop meanwhile. Prints one JSON line; 1 if the SDK never connected.
+int idleChild(int seconds, QString cloudExe)
+{
+    if (cloudExe.isEmpty())
+        cloudExe = QCoreApplication::applicationDirPath() + QStringLiteral("/../tools/kelo-cloud");
+    QTemporaryDir dir;
+    QProcess cloudProcess;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("KELO_CLOUD_KEY"), Libcmn::keloSecretkey());
+    cloudProcess.setProcessEnvironment(env);
+    cloudProcess.setStandardOutputFile(dir.filePath(QStringLiteral("cloud.out")));
+    cloudProcess.setStandardErrorFile(QProcess::nullDevice());
+    cloudProcess.start(cloudExe, {QStringLiteral("--port"), QStringLiteral("0"),
+                                  QStringLiteral("--ca-dir"), dir.filePath(QStringLiteral("ca"))});
+    QString host, caPath;
+    waitFor(
+        [&] {
+            QFile out(dir.filePath(QStringLiteral("cloud.out")));
+            if (!out.open(QIODevice::ReadOnly))
+                return false;
+            for (const QByteArray& line : out.readAll().split('\n')) {
+                if (line.startsWith("kelo-cloud listening on "))
+                    host = QString::fromUtf8(line.mid(24)).trimmed();
+                if (line.startsWith("kelo-cloud CA certificate: "))
+                    caPath = QString::fromUtf8(line.mid(27)).trimmed();
+            }
+            return !host.isEmpty() && !caPath.isEmpty();
+        },
+        20000);
+    QFile ca(caPath);
+    if (host.isEmpty() || !ca.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "idle: kelo-cloud (%s) did not start\n", qPrintable(cloudExe));
+        return 1;
+    }
+    trustCa(ca.readAll());
+    qputenv("KELO_SERVER_HOST", host.toUtf8());
+
+    bool connected = false;
+    Kelosdk sdk(QString::fromLatin1(kMerchant), QStringLiteral("POS-IDLE"), false);
+    QObject::connect(&sdk, &Kelosdk::cloudConnectionChange, [&](bool up) { connected = up; });
+    if (!waitFor([&] { return connected; })) {
+        std::fprintf(stderr, "idle: the SDK did not connect to kelo-cloud\n");
+        return 1;
+    }
+    auto cpuSeconds = [] {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage); // this process only, not kelo-cloud
+        return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+               (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    auto rssBytes = [] {
+        long pages = 0, resident = 0;
+        if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+            if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2)
+                resident = 0;
+            std::fclose(f);
+        }
+        return static_cast<double>(resident) * sysconf(_SC_PAGESIZE);
+    };
+    // A first keep-alive round settles before the count starts.
+    QEventLoop loop;
+    QTimer::singleShot(4000, &loop, &QEventLoop::quit);
+    loop.exec();
+    const double cpu0 = cpuSeconds(), rss0 = rssBytes();
+    const auto start = Clock::now();
+    QTimer::singleShot(seconds * 1000, &loop, &QEventLoop::quit);
+    loop.exec();
+    const double cpu = cpuSeconds() - cpu0;
+    const double wall = msSince(start) / 1000;
+    const QJsonObject result{{"cpu_percent", 100 * cpu / wall},
+                             {"cpu_seconds", cpu},
+                             {"wall_seconds", wall},
+                             {"still_connected", connected},
+                             {"rss_growth_mb", std::max(0.0, rssBytes() - rss0) / (1024 * 1024)}};
+    std::printf("%s\n", QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
+    std::fflush(stdout);
+    cloudProcess.terminate();
+    cloudProcess.waitForFinished(5000);
+    return connected ? 0 : 1;
+}
+
+/// --scale-size: one size, in this process; prints one JSON line.
+int scaleChild(int dishes)
+{
+    kelocloud::CloudOptions cloudOptions;
+    cloudOptions.secretKey = Libcmn::keloSecretkey().toLatin1();
+    kelocloud::CloudServer cloud(cloudOptions);
+    QString error;
+    if (!cloud.start(&error)) {
+        std::fprintf(stderr, "local cloud did not start: %s\n", qPrintable(error));
+        return 1;
+    }
+    trustCa(cloud.caCertificatePem());
+    qputenv("KELO_SERVER_HOST", cloud.hostPort().toUtf8());
+    Bench bench(cloud, dishes, kScalePictureBytes);
+    if (!bench.setUp())
+        return 1;
+    std::printf("%s\n", QJsonDocument(bench.scaleOne()).toJson(QJsonDocument::Compact).constData());
+    return 0;
+}
+
+/// --scale: every size in a fresh child process (so that each peak memory is its own), on the
+/// temporary folder's file system and, where there is one, on /dev/shm (tmpfs).
+int scaleParent(const QString& datFile, const QString& jsonFile)
+{
+    struct Place
+    {
+        QString name, tmp;
+    };
+    QList<Place> places{{QStringLiteral("disk"), QDir::tempPath()}};
+    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
+        places.append({QStringLiteral("tmpfs"), QStringLiteral("/dev/shm")});
+    const double mb = 1024 * 1024;
+    QJsonArray all;
+    QList<Row> rows;
+    QString dat = QStringLiteral("# place dishes cold_us warm_us rewrite_us peak_growth_mb "
+                                 "goal_mb vmhwm_mb reply_kb load cloud_records_mb\n");
+    std::printf("%-6s %7s %10s %8s %10s %8s %10s %8s %9s %10s %9s %9s %8s %5s\n", "place", "dishes",
+                "cold[ms]", "us/dish", "warm[ms]", "us/dish", "rewr[ms]", "us/dish", "reply[KB]",
+                "peak+[MB]", "cloud[MB]", "goal[MB]", "HWM[MB]", "load");
+    for (const Place& place : places) {
+        QHash<int, QJsonObject> bySize;
+        for (const int dishes : kScaleSizes) {
+            std::fprintf(stderr, "bench: scale, %s, %d dishes\n", qPrintable(place.name), dishes);
+            QProcess child;
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.insert(QStringLiteral("TMPDIR"), place.tmp);
+            child.setProcessEnvironment(env);
+            child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+            child.start(QCoreApplication::applicationFilePath(),
+                        {QStringLiteral("--scale-size"), QString::number(dishes)});
+            QJsonObject o;
+            if (child.waitForFinished(15 * 60 * 1000))
+                o = QJsonDocument::fromJson(child.readAllStandardOutput().trimmed()).object();
+            else
+                child.kill();
+            if (o.isEmpty()) {
+                std::fprintf(stderr, "bench: scale, %d dishes: no result\n", dishes);
+                continue;
+            }
+            o.insert(QStringLiteral("place"), place.name);
+            all.append(o);
+            bySize.insert(dishes, o);
+            const double n = dishes;
+            const double cold = o.value("cold_ms").toDouble(), warm = o.value("warm_ms").toDouble(),
+                         rewrite = o.value("rewrite_ms").toDouble();
+            const double reply = o.value("reply_bytes").toDouble();
+            const double growth = o.value("peak_growth_bytes").toDouble() / mb;
+            const double hwm = o.value("vmhwm_bytes").toDouble() / mb;
+            const double records = o.value("cloud_records_bytes").toDouble() / mb;
+            const double goal = (3 * reply + 20 * mb) / mb;
+            const QString load = o.value("load").toString();
+            dat += QStringLiteral("%1 %2 %3 %4 %5 %6 %7 %8 %9 %10 %11\n")
+                       .arg(place.name)
+                       .arg(dishes)
+                       .arg(cold * 1000 / n)
+                       .arg(warm * 1000 / n)
+                       .arg(rewrite * 1000 / n)
+                       .arg(growth)
+                       .arg(goal)
+                       .arg(hwm)
+                       .arg(reply / 1024)
+                       .arg(load)
+                       .arg(records);
+            std::printf("%-6s %7d %10.1f %8.2f %10.2f %8.2f %10.2f %8.3f %9.0f %10.1f %9.1f %9.1f "
+                        "%8.1f %5s\n",
+                        qPrintable(place.name), dishes, cold, cold * 1000 / n, warm,
+                        warm * 1000 / n, rewrite, rewrite * 1000 / n, reply / 1024, growth, records,
+                        goal, hwm, qPrintable(load));
+            std::fflush(stdout);
+        }
+        dat += QStringLiteral("\n\n"); // one gnuplot data block per place
+        const QJsonObject small = bySize.value(100), large = bySize.value(10000);
+        if (small.isEmpty() || large.isEmpty())
+            continue;
+        auto perDish = [&](const char* key) {
+            return std::make_pair(large.value(key).toDouble() * 1000 / 10000,
+                                  small.value(key).toDouble() * 1000 / 100);
+        };
+        const QString where = QStringLiteral(" (") + place.name + QStringLiteral(")");
+        const auto cold = perDish("cold_ms"), warm = perDish("warm_ms"),
+                   rewrite = perDish("rewrite_ms");
+        rows +=
+            row(QStringLiteral("S cold sync per dish, 10k vs 100") + where, QStringLiteral("us"),
+                cold.first, cold.second, QStringLiteral("ratio <= 1.2"), true, 1.2);
+        rows +=
+            row(QStringLiteral("S warm sync per dish, 10k vs 100") + where, QStringLiteral("us"),
+                warm.first, warm.second, QStringLiteral("ratio <= 1.2"), true, 1.2);
+        rows += row(QStringLiteral("S rewrite per dish, 10k vs 100") + where, QStringLiteral("us"),
+                    rewrite.first, rewrite.second, QStringLiteral("ratio <= 1.2"), true, 1.2);
+        const double goal = (3 * large.value("reply_bytes").toDouble() + 20 * mb) / mb;
+        const double growth = large.value("peak_growth_bytes").toDouble() / mb;
+        rows += row(QStringLiteral("S peak RSS growth, 10k sync") + where, QStringLiteral("MB"),
+                    growth, -1, QStringLiteral("sdk <= %1").arg(goal, 0, 'f', 1), false, goal);
+        rows +=
+            row(QStringLiteral("S the same less the cloud's records") + where, QStringLiteral("MB"),
+                growth - large.value("cloud_records_bytes").toDouble() / mb, -1,
+                QStringLiteral("sdk <= %1").arg(goal, 0, 'f', 1), false, goal);
+    }
+    std::printf("\nIn the S rows the SDK column is 10,000 dishes and the baseline column 100; the "
+                "memory goal is 3x the reply plus 20 MB.\n");
+    printTable(rows);
+    if (!datFile.isEmpty()) {
+        QFile file(datFile);
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(dat.toUtf8());
+    }
+    if (!jsonFile.isEmpty()) {
+        QFile file(jsonFile);
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(QJsonDocument(QJsonObject{{"machine", machine()},
+                                                 {"picture_bytes", kScalePictureBytes},
+                                                 {"sizes", all}})
+                           .toJson());
+    }
+    return rows.isEmpty() ? 1 : 0;
+}
 
 } // namespace
 
@@ -678,6 +1068,12 @@ int main(int argc, char** argv)
     };
     if (args.contains(QStringLiteral("--callgrind")))
         return callgrindMode(option("--callgrind"));
+    if (args.contains(QStringLiteral("--idle-sdk")))
+        return idleChild(option("--idle-sdk").toInt(), option("--cloud-exe"));
+    if (args.contains(QStringLiteral("--scale-size")))
+        return scaleChild(option("--scale-size").toInt());
+    if (args.contains(QStringLiteral("--scale")))
+        return scaleParent(option("--scale-dat"), option("--json"));
 
     QList<Row> rows;
     kelocloud::CloudOptions cloudOptions;
@@ -717,11 +1113,13 @@ int main(int argc, char** argv)
                     counts.at(0).toDouble() / 1e6, counts.at(1).toDouble() / 1e6,
                     QStringLiteral("ratio <= 1.3"), true, 1.3);
     phase("push latency");
-    rows += bench.pushLatency();
+    rows += bench.pushLatency(false);
+    phase("push latency, pinned apart");
+    rows += bench.pushLatency(true);
     const int idleSeconds =
         option("--idle-seconds").isEmpty() ? 60 : option("--idle-seconds").toInt();
     phase("idle");
-    rows += bench.idle(idleSeconds);
+    rows += Bench::idleAlone(idleSeconds, option("--cloud-exe"));
     phase("reconnect");
     rows += bench.reconnect();
     phase("reply cap");
