@@ -43,6 +43,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -661,7 +662,7 @@ public:
             push(bareDev);
             push(sdkDev);
         }
-        if (pinnedApart)
+        if (pinned)
             pinApart(false);
         QObject::disconnect(toSdk);
         if (s.size() < size_t(kPushes) || b.size() < size_t(kPushes))
@@ -698,7 +699,9 @@ public:
             if (tid <= 0)
                 continue;
             const cpu_set_t* set = !apart ? &all : tid == self ? &last : &first;
-            ok = sched_setaffinity(tid, sizeof(cpu_set_t), set) == 0 && ok;
+            // A thread that ended since the listing (a pool's idle thread) is no failure.
+            if (sched_setaffinity(tid, sizeof(cpu_set_t), set) != 0 && errno != ESRCH)
+                ok = false;
         }
         return ok;
     }
