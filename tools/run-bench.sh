@@ -15,7 +15,9 @@ if [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null; then
 fi
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DKELO_BUILD_BENCH=ON -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build "$build" --target kelo_bench kelo kelo-cloud
+# The build is niced and takes at most KELO_BENCH_JOBS (2) jobs: on a shared machine it must not
+# crowd out other people's work; the benchmark runs after it, at normal priority.
+nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target kelo_bench kelo kelo-cloud
 
 if [ "${1:-}" = "--scale" ]; then
     echo "run-bench: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), load $(cut -d' ' -f1-3 /proc/loadavg)"
