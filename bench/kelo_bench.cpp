@@ -6,7 +6,8 @@
 //              [--lib-size-armhf BYTES] [--idle-seconds N]
 //   kelo_bench --only menu                     (the menu sync alone, for a profiler)
 //   kelo_bench --only reply-cap                (the refused 200 MB answer alone)
-//   kelo_bench --callgrind sdk|baseline|none   (one catalogue rewrite, for valgrind)
+//   kelo_bench --callgrind sdk|baseline|none [--dishes N]
+//                                              (one catalogue rewrite, for valgrind)
 //   kelo_bench --scale [--scale-dat FILE]      (menu sync and rewrite at 100, 1,000, 10,000
 //                                               dishes, each size in a fresh child process)
 //   kelo_bench --scale-size N                  (one size of --scale; prints one JSON line)
@@ -262,9 +263,9 @@ Row catalogueCpu()
                median(raw), QStringLiteral("ratio <= 1.3"), true, 1.3);
 }
 
-int callgrindMode(const QString& which)
+int callgrindMode(const QString& which, int dishes)
 {
-    const QString text = bigCatalogue(kCatalogueDishes);
+    const QString text = bigCatalogue(dishes > 0 ? dishes : kCatalogueDishes);
     QString out;
     if (which == QLatin1String("sdk"))
         out = sdkRewrite(text);
@@ -1070,7 +1071,7 @@ int main(int argc, char** argv)
         return i >= 0 && i + 1 < args.size() ? args.at(i + 1) : QString();
     };
     if (args.contains(QStringLiteral("--callgrind")))
-        return callgrindMode(option("--callgrind"));
+        return callgrindMode(option("--callgrind"), option("--dishes").toInt());
     if (args.contains(QStringLiteral("--idle-sdk")))
         return idleChild(option("--idle-sdk").toInt(), option("--cloud-exe"));
     if (args.contains(QStringLiteral("--scale-size")))
@@ -1093,7 +1094,11 @@ int main(int argc, char** argv)
     Bench bench(cloud);
     if (!bench.setUp())
         return 1;
-    auto phase = [](const char* name) { std::fprintf(stderr, "bench: %s\n", name); };
+    // Each phase with the machine's load as it starts (the machine is shared).
+    auto phase = [](const char* name) {
+        std::fprintf(stderr, "bench: %s (load %s)\n", name,
+                     qPrintable(machine().value(QStringLiteral("load")).toString()));
+    };
     // --only menu: the menu sync alone (for a profiler)
     if (option("--only") == QLatin1String("menu")) {
         printTable(bench.menuSync());

@@ -20,8 +20,24 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
 nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target kelo_bench kelo kelo-cloud
 
 if [ "${1:-}" = "--scale" ]; then
+    declare -A per
     echo "run-bench: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), load $(cut -d' ' -f1-3 /proc/loadavg)"
     "$build/bench/kelo_bench" --scale --scale-dat "$build/scale.dat" --json "$build/scale.json"
+    # The rewrite's instructions per dish at both ends (callgrind; the load does not move them).
+    if command -v valgrind >/dev/null; then
+        count() {
+            local out=$build/callgrind.scale.$1.$2
+            valgrind --tool=callgrind --callgrind-out-file="$out" \
+                "$build/bench/kelo_bench" --callgrind "$1" --dishes "$2" >/dev/null 2>&1
+            awk '/^(summary|totals):/ {print $2; exit}' "$out"
+        }
+        for n in 100 10000; do
+            per[$n]=$(( ($(count sdk $n) - $(count none $n)) / n ))
+            echo "run-bench: catalogue rewrite, $n dishes: ${per[$n]} instructions per dish (callgrind)"
+        done
+        awk -v a="${per[10000]}" -v b="${per[100]}" \
+            'BEGIN { printf "run-bench: rewrite instructions per dish, 10k vs 100: %.2f (goal <= 1.2)\n", a / b }'
+    fi
     if command -v gnuplot >/dev/null; then
         gnuplot -e "dat='$build/scale.dat'; outdir='$root/docs'" tools/scale-plot.gp
         echo "run-bench: plots in docs/scale-per-dish.png and docs/scale-memory.png"
