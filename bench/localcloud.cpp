@@ -1,5 +1,8 @@
 #include "localcloud.h"
 
+#include "cloudserver.h"
+#include "libcmn.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -8,7 +11,24 @@
 #include <QSslCertificate>
 #include <QSslConfiguration>
 
+#include <cstdio>
+
 namespace kelobench {
+
+std::unique_ptr<kelocloud::CloudServer> startLocalCloud()
+{
+    kelocloud::CloudOptions options;
+    options.secretKey = Libcmn::keloSecretkey().toLatin1(); // the simulator holds no build key
+    auto cloud = std::make_unique<kelocloud::CloudServer>(options);
+    QString error;
+    if (!cloud->start(&error)) {
+        std::fprintf(stderr, "local cloud did not start: %s\n", qPrintable(error));
+        return nullptr;
+    }
+    trustCa(cloud->caCertificatePem());
+    qputenv("KELO_SERVER_HOST", cloud->hostPort().toUtf8());
+    return cloud;
+}
 
 void trustCa(const QByteArray& pem)
 {

@@ -7,10 +7,20 @@
 #include <QByteArray>
 #include <QString>
 
+#include <memory>
+
 class QNetworkAccessManager;
 class QUrl;
 
+namespace kelocloud {
+class CloudServer;
+}
+
 namespace kelobench {
+
+/// The in-process local cloud, started on loopback, its CA trusted and the SDK pointed at it
+/// (KELO_SERVER_HOST); null, said on stderr, if it did not start.
+std::unique_ptr<kelocloud::CloudServer> startLocalCloud();
 
 void trustCa(const QByteArray& pem);
 QByteArray picture(int id, int size = PictureBytes);

@@ -19,7 +19,6 @@
 #include "catalogue.h"
 #include "cloudserver.h"
 #include "idle.h"
-#include "libcmn.h"
 #include "localcloud.h"
 #include "scale.h"
 
@@ -53,18 +52,11 @@ int main(int argc, char** argv)
         return scaleParent(option("--scale-dat"), option("--json"));
 
     QList<Row> rows;
-    kelocloud::CloudOptions cloudOptions;
-    cloudOptions.secretKey = Libcmn::keloSecretkey().toLatin1(); // the simulator holds no build key
-    kelocloud::CloudServer cloud(cloudOptions);
-    QString error;
-    if (!cloud.start(&error)) {
-        std::fprintf(stderr, "local cloud did not start: %s\n", qPrintable(error));
+    const std::unique_ptr<kelocloud::CloudServer> cloud = startLocalCloud();
+    if (!cloud)
         return 1;
-    }
-    trustCa(cloud.caCertificatePem());
-    qputenv("KELO_SERVER_HOST", cloud.hostPort().toUtf8());
 
-    Bench bench(cloud);
+    Bench bench(*cloud);
     if (!bench.setUp())
         return 1;
     // Each phase with the machine's load as it starts (the machine is shared).

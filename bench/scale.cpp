@@ -3,7 +3,6 @@
 #include "bench.h"
 #include "benchsupport.h"
 #include "cloudserver.h"
-#include "libcmn.h"
 #include "localcloud.h"
 
 #include <QCoreApplication>
@@ -31,17 +30,10 @@ const int ScaleSizes[] = {100, 1000, 10000};
 /// --scale-size: one size, in this process; prints one JSON line.
 int scaleChild(int dishes)
 {
-    kelocloud::CloudOptions cloudOptions;
-    cloudOptions.secretKey = Libcmn::keloSecretkey().toLatin1();
-    kelocloud::CloudServer cloud(cloudOptions);
-    QString error;
-    if (!cloud.start(&error)) {
-        std::fprintf(stderr, "local cloud did not start: %s\n", qPrintable(error));
+    const std::unique_ptr<kelocloud::CloudServer> cloud = startLocalCloud();
+    if (!cloud)
         return 1;
-    }
-    trustCa(cloud.caCertificatePem());
-    qputenv("KELO_SERVER_HOST", cloud.hostPort().toUtf8());
-    Bench bench(cloud, dishes, ScalePictureBytes);
+    Bench bench(*cloud, dishes, ScalePictureBytes);
     if (!bench.setUp())
         return 1;
     std::printf("%s\n", QJsonDocument(bench.scaleOne()).toJson(QJsonDocument::Compact).constData());
