@@ -1,5 +1,6 @@
 #include "cdownloadfileman.h"
 
+#include "idindex_p.h"
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
 #include "keloqtcompat_p.h"
@@ -22,6 +23,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -74,7 +76,8 @@ bool isAllowedRedirect(const QUrl& target, bool plainHttpAllowed)
 } // namespace
 
 // The state of the picture being fetched, kept beside the manager (whose layout is fixed): its
-// redirects so far, whether plain http is allowed for it, its bytes and its deadline.
+// redirects so far, whether plain http is allowed for it, its bytes and its deadline; and the
+// indexes of the manager's id lists, which live as long as the manager.
 class CDownloadFileMan::PictureRun : public QObject
 {
 public:
@@ -84,12 +87,14 @@ public:
         connect(&deadline, &QTimer::timeout, manager,
                 [manager] { manager->givePictureUp(" took longer than its deadline"); });
     }
-    int index = -1;                ///< the entry this state belongs to; -1: none
-    int redirects = 0;             ///< redirects followed for it
-    bool plainHttpAllowed = false; ///< the catalogue's own address for it is plain http
-    qint64 received = 0;           ///< bytes of the current answer so far
-    QElapsedTimer started;         ///< since the entry's first request
-    QTimer deadline;               ///< gives up the entry, redirects included
+    int index = -1;                   ///< the entry this state belongs to; -1: none
+    int redirects = 0;                ///< redirects followed for it
+    bool plainHttpAllowed = false;    ///< the catalogue's own address for it is plain http
+    qint64 received = 0;              ///< bytes of the current answer so far
+    QElapsedTimer started;            ///< since the entry's first request
+    QTimer deadline;                  ///< gives up the entry, redirects included
+    kelo_catalogue::IdIndex cached;   ///< index of the manager's cachedIds
+    kelo_catalogue::IdIndex modified; ///< index of the manager's modifiedIds
 
     /// Starts the state of entry @p entry, whose catalogue address is @p url.
     void begin(int entry, const QString& url, int deadlineMs)
@@ -184,11 +189,14 @@ bool CDownloadFileMan::IsFileCached()
     const tagDownFileInfo* info = currentRecord();
     if (!info || !isCacheFilePath(info->localPath))
         return false;
-    const QFileInfo file(info->localPath);
-    if (!file.isFile())
+    // One stat for the type and the modification second (a link is followed, as for any reader
+    // of the picture); a time before 1970 never matches.
+    struct stat status;
+    if (::stat(QFile::encodeName(info->localPath).constData(), &status) != 0 ||
+        !S_ISREG(status.st_mode))
         return false;
-    const qint64 fileMs = file.lastModified().toMSecsSinceEpoch();
-    if (fileMs >= 0 && info->stamp / 1000 == static_cast<unsigned long long>(fileMs / 1000))
+    if (status.st_mtime >= 0 &&
+        info->stamp / 1000 == static_cast<unsigned long long>(status.st_mtime))
         return true;
     if (isInsideCacheFolder(info->localPath))
         QFile::remove(info->localPath);
@@ -264,9 +272,9 @@ void CDownloadFileMan::DownloadNextFile()
 
     if (IsFileCached()) {
         info.fileReady = true;
-        if (!cachedIds.contains(info.id))
-            cachedIds.append(info.id);
-        info.useCache = !modifiedIds.contains(info.id);
+        if (!run->cached.contains(cachedIds, info.id))
+            run->cached.append(cachedIds, info.id);
+        info.useCache = !run->modified.contains(modifiedIds, info.id);
         ++currentIndex;
         emit NotifyDownloadNextFile();
         return;
@@ -394,7 +402,8 @@ void CDownloadFileMan::DownloadOneFileFinish()
     tagDownFileInfo* info = currentRecord();
     if (!info)
         return;
-    pictureRun()->end();
+    PictureRun* run = pictureRun();
+    run->end();
     if (info->fileReady) {
         // The stamp is the last thing done to the file before it is closed, through the open
         // file: nothing put at its name meanwhile can be stamped in its place.
@@ -405,16 +414,16 @@ void CDownloadFileMan::DownloadOneFileFinish()
         } else if (info->stamp != 0 && isCacheFilePath(info->localPath)) {
             stampCachedFile(info->localPath, info->stamp);
         }
-        const bool known = cachedIds.contains(info->id);
+        const bool known = run->cached.contains(cachedIds, info->id);
         if (!firstRun && known) {
             info->useCache = false;
             logImage(*info, " was modified ==> no use cache");
-            if (!modifiedIds.contains(info->id))
-                modifiedIds.append(info->id);
+            if (!run->modified.contains(modifiedIds, info->id))
+                run->modified.append(modifiedIds, info->id);
         } else {
             info->useCache = true;
             if (!known)
-                cachedIds.append(info->id);
+                run->cached.append(cachedIds, info->id);
             logImage(*info,
                      firstRun ? " is added first ==> use cache" : " is added new ==> use cache");
         }

@@ -1,6 +1,7 @@
 // The picture cache against the local cloud over TLS: stamps and reuse, failures, redirects,
 // clean-up of old files, and names from the server that must not leave the picture folder.
 #include "cdownloadfileman.h"
+#include "idindex_p.h"
 #include "libcmn.h"
 #include "logcapture.h"
 #include "picturestamp_p.h"
@@ -116,6 +117,35 @@ private Q_SLOTS:
         if (mtime >= 0)
             QCOMPARE(QFileInfo(images + "/9.png").lastModified().toSecsSinceEpoch(), mtime);
         QTEST(sync(warm, {dish}), "warm");
+    }
+    // The id index answers as its list would, whatever was done to the list: appended through
+    // the index ("+n"), appended behind its back ("^n"), or emptied behind its back ("0").
+    void idIndexFollowsItsList_data()
+    {
+        QTest::addColumn<QString>("steps");
+        QTest::newRow("appends through the index") << "+1 +2 +2 +9";
+        QTest::newRow("append behind its back") << "+1 ^4 +2";
+        QTest::newRow("emptied behind its back") << "+1 +2 0 +3";
+        QTest::newRow("emptied, then refilled behind its back") << "+1 +2 0 ^3 ^4";
+        QTest::newRow("only behind its back") << "^5 ^6 ^5";
+    }
+    void idIndexFollowsItsList()
+    {
+        QFETCH(QString, steps);
+        QList<int> list;
+        kelo_catalogue::IdIndex index;
+        for (const QString& step : steps.split(' ')) {
+            const int id = step.mid(1).toInt();
+            if (step == "0")
+                list.clear();
+            else if (step.startsWith('^'))
+                list.append(id);
+            else
+                index.append(list, id);
+            for (int probe = 0; probe < 10; ++probe)
+                QVERIFY2(index.contains(list, probe) == list.contains(probe),
+                         qPrintable(QStringLiteral("after %1, id %2").arg(step).arg(probe)));
+        }
     }
     // A manager used for several menus tells a changed picture ("img_cache" false, for as long as
     // it lives) from a new one.

@@ -20,6 +20,8 @@ packages=(
     qml6-module-qtqml qml6-module-qtqml-workerscript qml6-module-qtquick qml6-module-qtquick-window
     qml6-module-qtquick-layouts qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qttest
+    # The benchmarks (run-bench.sh): instruction counts, and the plots of --scale.
+    valgrind gnuplot-nox
 )
 packages+=("$@")
 
