@@ -1,6 +1,7 @@
 #include "idle.h"
 
 #include "benchsupport.h"
+#include "devca.h"
 #include "kelosdk.h"
 #include "libcmn.h"
 #include "localcloud.h"
@@ -57,7 +58,7 @@ int idleChild(int seconds, QString cloudExe)
         std::fprintf(stderr, "idle: kelo-cloud (%s) did not start\n", qPrintable(cloudExe));
         return 1;
     }
-    trustCa(ca.readAll());
+    kelocloud::trustCertificateAuthority(ca.readAll());
     qputenv("KELO_SERVER_HOST", host.toUtf8());
 
     bool connected = false;

@@ -1,6 +1,7 @@
 #include "localcloud.h"
 
 #include "cloudserver.h"
+#include "devca.h"
 #include "libcmn.h"
 
 #include <QJsonArray>
@@ -8,8 +9,6 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QSslCertificate>
-#include <QSslConfiguration>
 
 #include <cstdio>
 
@@ -25,18 +24,9 @@ std::unique_ptr<kelocloud::CloudServer> startLocalCloud()
         std::fprintf(stderr, "local cloud did not start: %s\n", qPrintable(error));
         return nullptr;
     }
-    trustCa(cloud->caCertificatePem());
+    kelocloud::trustCertificateAuthority(cloud->caCertificatePem());
     qputenv("KELO_SERVER_HOST", cloud->hostPort().toUtf8());
     return cloud;
-}
-
-void trustCa(const QByteArray& pem)
-{
-    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
-    QList<QSslCertificate> cas = config.caCertificates();
-    cas.append(QSslCertificate::fromData(pem, QSsl::Pem));
-    config.setCaCertificates(cas);
-    QSslConfiguration::setDefaultConfiguration(config);
 }
 
 QByteArray picture(int id, int size)

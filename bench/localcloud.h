@@ -22,7 +22,6 @@ namespace kelobench {
 /// (KELO_SERVER_HOST); null, said on stderr, if it did not start.
 std::unique_ptr<kelocloud::CloudServer> startLocalCloud();
 
-void trustCa(const QByteArray& pem);
 QByteArray picture(int id, int size = PictureBytes);
 QByteArray menuReply(const QString& host, int dishes = Dishes);
 

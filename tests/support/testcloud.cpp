@@ -2,8 +2,6 @@
 
 #include "libcmn.h"
 
-#include <QSslCertificate>
-#include <QSslConfiguration>
 #include <QtGlobal>
 
 namespace {
@@ -58,13 +56,4 @@ QString TestCloud::baseUrl() const
 QUrl TestCloud::url(const QString& path) const
 {
     return QUrl(baseUrl() + path);
-}
-
-void trustCertificateAuthority(const QByteArray& pem)
-{
-    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
-    QList<QSslCertificate> cas = config.caCertificates();
-    cas.append(QSslCertificate::fromData(pem, QSsl::Pem));
-    config.setCaCertificates(cas);
-    QSslConfiguration::setDefaultConfiguration(config);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cloudserver.h"
+#include "devca.h"
 
 #include <QString>
 #include <QUrl>
@@ -42,8 +43,8 @@ private:
     Trust trust;
 };
 
-/// Adds @p pem to the CAs of the process's default TLS configuration (keeping the others).
-void trustCertificateAuthority(const QByteArray& pem);
+/// Adds a PEM CA to the CAs of the process's default TLS configuration (keeping the others).
+using kelocloud::trustCertificateAuthority;
 
 /// Qt's error text for a request to the Untrusted server: Qt 6 names the reason after Qt 5's text.
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)

@@ -2,6 +2,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -215,6 +217,15 @@ bool DevCa::issueServerCertificate(PemPair* out, QString* error) const
     }
     *out = {toPem(cert.get()), toPem(key.get())};
     return true;
+}
+
+void trustCertificateAuthority(const QByteArray& pem)
+{
+    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+    QList<QSslCertificate> cas = config.caCertificates();
+    cas.append(QSslCertificate::fromData(pem, QSsl::Pem));
+    config.setCaCertificates(cas);
+    QSslConfiguration::setDefaultConfiguration(config);
 }
 
 } // namespace kelocloud

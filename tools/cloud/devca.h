@@ -41,4 +41,10 @@ private:
     PemPair ca;
 };
 
+/**
+ * Adds @p pem to the CAs of this process's default TLS configuration, keeping the others: what a
+ * host does that trusts the development CA (tests, benchmarks).
+ */
+void trustCertificateAuthority(const QByteArray& pem);
+
 } // namespace kelocloud
