@@ -179,7 +179,9 @@ lab_up() {
 
     local h2=https://$cloud_ip:$h2_port h1=https://$cloud_ip:$h1_port picture_host
     [ "$img_host" = h1 ] && picture_host=$h1 || picture_host=$h2
-    ip netns exec "$ns_cloud" "$cloud" --listen "$cloud_ip" --port "$api_port" \
+    # kelo-cloud and nginx, like the wire, end with this script even when it is killed outright
+    # (setpriv's parent-death signal); the namespaces and files are then for "lab.sh cleanup".
+    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- "$cloud" --listen "$cloud_ip" --port "$api_port" \
         --ca-dir "$tmp/ca" --dishes "$dishes" --picture-bytes $((picture_kb * 1024)) \
         --picture-host "$picture_host" --export-pictures "$tmp/pictures" > "$tmp/cloud.log" 2>&1 &
     cloud_pid=$!
@@ -230,7 +232,7 @@ http {
     server { listen $cloud_ip:$h1_port ssl; }
 }
 EOF
-    ip netns exec "$ns_cloud" nginx -c "$tmp/nginx/nginx.conf" -p "$tmp/nginx/" \
+    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- nginx -c "$tmp/nginx/nginx.conf" -p "$tmp/nginx/" \
         -e "$tmp/nginx/error.log" > "$tmp/nginx/stdout.log" 2>&1 &
     nginx_pid=$!
     wait_until "[ -s '$tmp/nginx/nginx.pid' ] || ! kill -0 $nginx_pid 2>/dev/null" 100
@@ -276,9 +278,9 @@ cmd_run() {
     trap 'exit 129' HUP
     lab_up
     # In the background, so that a signal to this script reaches the trap at once; its standard
-    # input stays the script's.
+    # input stays the script's, and it ends with the script even if that one is killed outright.
     set +e
-    "${rest[@]}" <&0 &
+    setpriv --pdeathsig TERM -- "${rest[@]}" <&0 &
     command_pid=$!
     wait "$command_pid"
     local status=$?
