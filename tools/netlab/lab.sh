@@ -288,14 +288,36 @@ cmd_run() {
     exit "$status"
 }
 
+# The checks of selftest.sh inside a lab, then, once that lab is gone, that it left nothing.
+cmd_selftest() {
+    parse_options "$@"
+    ensure_build
+    local child status leftovers
+    bash "${BASH_SOURCE[0]}" run --build "$build" --seed "$seed" -- \
+        bash "$root/tools/netlab/selftest.sh" &
+    child=$!
+    trap 'kill -TERM $child 2>/dev/null; wait $child; exit 130' INT
+    trap 'kill -TERM $child 2>/dev/null; wait $child; exit 143' TERM
+    status=0
+    wait "$child" || status=$?
+    trap - INT TERM
+    leftovers=$( (ip netns list | grep "^$prefix-$child-"; ls -d "/tmp/$prefix-$child".* 2>/dev/null
+        pgrep -a -f "/tmp/$prefix-$child\." | grep -v pgrep) || true)
+    if [ -n "$leftovers" ]; then
+        echo "  FAIL  the lab left behind:"
+        sed 's/^/          /' <<<"$leftovers"
+        status=1
+    else
+        echo "  ok    the lab left nothing behind (namespaces, processes, files)"
+    fi
+    return "$status"
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case $cmd in
 run) cmd_run "$@" ;;
-selftest)
-    parse_options "$@"
-    exec bash "$root/tools/netlab/lab.sh" run --build "$build" -- bash "$root/tools/netlab/selftest.sh"
-    ;;
+selftest) cmd_selftest "$@" ;;
 cleanup) cleanup_stale ;;
 *) usage ;;
 esac
