@@ -306,8 +306,8 @@ void TestSimulator::labOptionsServeTheMenu()
     if (dishes >= 0) {
         QCOMPARE(items.size(), dishes);
         for (int i = 0; i < dishes; ++i) {
-            QCOMPARE(items[i]["item_id"].toInt(), i + 1);
-            QCOMPARE(items[i]["img_path"].toString(),
+            QCOMPARE(items.at(i)["item_id"].toInt(), i + 1);
+            QCOMPARE(items.at(i)["img_path"].toString(),
                      QStringLiteral("/pictures/dish-%1.png").arg(i + 1));
         }
     } else {

@@ -39,15 +39,23 @@ usage() {
 
 build=$root/_build/lab
 ensure_build() {
-    if [ -x "$build/tools/kelo-wire" ] && [ -x "$build/tools/kelo-cloud" ]; then
+    # A build folder is brought up to date (quick when it is); a folder of bare binaries is used
+    # as it stands.
+    if [ ! -f "$build/CMakeCache.txt" ] && [ -x "$build/tools/kelo-wire" ] &&
+        [ -x "$build/tools/kelo-cloud" ]; then
         return
     fi
-    echo "lab: building kelo-wire and kelo-cloud in $build" >&2
-    bash "$root/tools/install-deps.sh" >&2
-    [ -f "$build/CMakeCache.txt" ] ||
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        echo "lab: building kelo-wire and kelo-cloud in $build" >&2
+        bash "$root/tools/install-deps.sh" >&2
         cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-            -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF -DKELO_BUILD_BENCH=OFF >&2
-    nice -n 10 cmake --build "$build" --parallel 2 --target kelo-wire kelo-cloud >&2
+            -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF -DKELO_BUILD_BENCH=OFF \
+            -DKELO_BUILD_QML=OFF > "$build.configure.log" 2>&1 ||
+            { cat "$build.configure.log" >&2; die "cannot configure $build"; }
+        rm -f "$build.configure.log"
+    fi
+    nice -n 10 cmake --build "$build" --parallel 2 --target kelo-wire kelo-cloud > /dev/null ||
+        die "cannot build kelo-wire and kelo-cloud in $build"
 }
 
 # ---- the run's resources and their removal ----------------------------------------------------
