@@ -198,6 +198,7 @@ lab_up() {
     # A large file for bulk transfers (sparse: costs no disk); fetch a part with a Range request.
     mkdir -p "$tmp/pictures/lab"
     truncate -s 256M "$tmp/pictures/lab/bulk.bin"
+    mkdir -m 777 "$tmp/pictures/upload"
     chmod -R a+rX "$tmp/pictures"
 
     # nginx's certificate for the cloud's address, signed by kelo-cloud's development CA.
@@ -234,8 +235,13 @@ http {
     ssl_certificate_key $tmp/ca/nginx.key;
     ssl_protocols TLSv1.2 TLSv1.3;
     root $tmp/pictures;
+    # Uploads for measuring the up direction (PUT /upload/NAME), kept in the run's folder.
+    client_max_body_size 512m;
     # HTTP/2 (and HTTP/1.1 for clients that do not offer h2 in ALPN).
-    server { listen $cloud_ip:$h2_port ssl http2; }
+    server {
+        listen $cloud_ip:$h2_port ssl http2;
+        location /upload/ { dav_methods PUT; create_full_put_path on; }
+    }
     # HTTP/1.1 only.
     server { listen $cloud_ip:$h1_port ssl; }
 }
