@@ -277,7 +277,9 @@ parse_options() {
         esac
     done
     [[ $dishes =~ ^[0-9]+$ ]] || die "--dishes: expected a number"
-    [[ $picture_kb =~ ^[0-9]+$ ]] && [ "$picture_kb" -ge 1 ] || die "--picture-kb: expected a number >= 1"
+    if ! [[ $picture_kb =~ ^[0-9]+$ ]] || [ "$picture_kb" -lt 1 ]; then
+        die "--picture-kb: expected a number >= 1"
+    fi
     [[ $img_host =~ ^h[12]$ ]] || die "--img-host: expected h2 or h1"
     [[ $seed =~ ^[0-9]+$ ]] || die "--seed: expected a number"
     rest=("$@")
