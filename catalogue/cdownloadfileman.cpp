@@ -43,6 +43,13 @@ bool isPlainFileName(const QString& name)
            !name.contains(QChar(0)) && QFile::encodeName(name).size() <= MaxFileNameBytes;
 }
 
+// The server a request goes to, as Qt keeps its connections: scheme, host and port.
+QString originOf(const QUrl& url)
+{
+    return url.scheme() + QLatin1String("://") + url.host() + QLatin1Char(':') +
+           QString::number(url.port(url.scheme() == QLatin1String("https") ? 443 : 80));
+}
+
 bool isWebUrl(const QUrl& url)
 {
     return url.isValid() &&
@@ -95,6 +102,7 @@ struct PictureTransfer
     QTimer deadline;               ///< gives the entry up, redirects included
     QFile* file = nullptr;         ///< the cache file being written
     QPointer<QNetworkReply> reply; ///< the answer in flight
+    QString origin;                ///< the server of the current request (originOf())
 
     bool expired(int deadlineMs) const { return deadlineMs > 0 && started.hasExpired(deadlineMs); }
 };
@@ -131,6 +139,7 @@ public:
     QList<int> held;                       ///< entries held back behind another of their dish
     std::vector<std::unique_ptr<PictureTransfer>> active;  ///< in flight, oldest first
     std::vector<std::unique_ptr<PictureTransfer>> retired; ///< ended; freed from the event loop
+    QSet<QString> http2Origins; ///< servers that have answered a picture over HTTP/2
 
     void begin(QNetworkAccessManager* through, int from);
     void fill();
@@ -150,6 +159,7 @@ private:
     void retire(PictureTransfer& transfer);
     void step();
     bool heldBack(int index, const QSet<int>& heldIds, const QSet<QString>& heldNames) const;
+    bool serverFull(int index) const;
     static QString dishName(const tagDownFileInfo& info);
 };
 
@@ -176,6 +186,7 @@ void CDownloadFileMan::PictureRun::begin(QNetworkAccessManager* through, int fro
     network = through;
     next = ended = from;
     held.clear();
+    http2Origins.clear();
     QObject::disconnect(networkGone);
     if (through && through != manager.networkManager)
         networkGone = connect(through, &QObject::destroyed, this, [this] { sharedNetworkGone(); });
@@ -212,6 +223,24 @@ bool CDownloadFileMan::PictureRun::heldBack(int index, const QSet<int>& heldIds,
     return false;
 }
 
+bool CDownloadFileMan::PictureRun::serverFull(int index) const
+{
+    // Over HTTP/1.1 Qt opens a few connections to one server and queues further requests; when
+    // one of those connections breaks, it fails every request in that queue with it. So no more
+    // pictures go to one server at once than it has connections, unless it speaks HTTP/2.
+    const QUrl url(manager.fileList.at(index).url);
+    if (!isWebUrl(url))
+        return false;
+    const QString origin = originOf(url);
+    if (http2Origins.contains(origin))
+        return false;
+    int requests = 0;
+    for (const auto& transfer : active)
+        if (transfer->origin == origin)
+            ++requests;
+    return requests >= kelo_limits::PictureRequestsPerServer;
+}
+
 void CDownloadFileMan::PictureRun::fill()
 {
     retired.clear();
@@ -245,17 +274,24 @@ void CDownloadFileMan::PictureRun::fill()
             ++i;
             continue;
         }
+        // No room at its server: the entries after it wait too, so that they start in order.
+        if (serverFull(index))
+            return;
         held.removeAt(i);
         if (!launch(index))
             return;
     }
     while (int(active.size()) < maxInFlight && next < size) {
-        const int index = next++;
+        const int index = next;
         if (heldBack(index, heldIds, heldNames)) {
+            ++next;
             held.append(index);
             hold(index);
             continue;
         }
+        if (serverFull(index))
+            return;
+        ++next;
         if (!launch(index))
             return;
     }
@@ -357,6 +393,7 @@ bool CDownloadFileMan::PictureRun::start(PictureTransfer& transfer)
         } else {
             kelo_compat::http1Only(request);
         }
+        transfer.origin = originOf(url);
         transfer.reply = network->get(request);
     }
     if (!transfer.reply) {
@@ -412,6 +449,8 @@ void CDownloadFileMan::PictureRun::finished(PictureTransfer& transfer)
     // A picture cut short, given up or not fully written counts as a failed download.
     bool failed = reply->error() != QNetworkReply::NoError || transfer.outputFailed ||
                   !transfer.file;
+    if (reply->attribute(QNetworkRequest::Http2WasUsedAttribute).toBool())
+        http2Origins.insert(transfer.origin);
     tagDownFileInfo& info = manager.fileList[transfer.index];
     if (!failed && redirected) {
         // A bounded number of hops, never from https down to plain http.

@@ -41,6 +41,11 @@ constexpr int DefaultSdkPicturesInFlight = 6;
 /// The most pictures one manager lets be in flight (a larger setting counts as this): each holds
 /// an open file, a reply and its buffers on a small terminal.
 constexpr int MaxPicturesInFlight = 64;
+/// Pictures in flight to one server that has not answered over HTTP/2: the connections Qt opens
+/// to one server over HTTP/1.1. A request beyond them would wait in Qt's queue, and when one of
+/// those connections breaks (a picture cut short) Qt fails every request in the queue with it,
+/// pictures that had nothing to do with it.
+constexpr int PictureRequestsPerServer = 6;
 /// Whether the SDK's menu runs offer HTTP/2 for pictures (CDownloadFileMan::setHttp2Allowed).
 /// Off until it has been measured against the production server; HTTP/1.1 is what every server
 /// and proxy on the way has always seen.
