@@ -130,13 +130,13 @@ public:
     kelo_catalogue::IdIndex modified; ///< index of the manager's modifiedIds
 
     // ---- the run ----
-    bool running = false;                  ///< from StartDownload to DownloadDone
-    bool doneSignalled = false;            ///< NotifyDownloadDone was emitted in this run
+    bool running = false;                    ///< from StartDownload to DownloadDone
+    bool doneSignalled = false;              ///< NotifyDownloadDone was emitted in this run
     QPointer<QNetworkAccessManager> network; ///< the manager the run fetches through
-    QMetaObject::Connection networkGone;   ///< to a shared manager's destroyed()
-    int next = 0;                          ///< the first entry not looked at yet
-    int ended = 0;                         ///< entries done (below next, none waiting or active)
-    QList<int> held;                       ///< entries held back behind another of their dish
+    QMetaObject::Connection networkGone;     ///< to a shared manager's destroyed()
+    int next = 0;                            ///< the first entry not looked at yet
+    int ended = 0;                           ///< entries done (below next, none waiting or active)
+    QList<int> held;                         ///< entries held back behind another of their dish
     std::vector<std::unique_ptr<PictureTransfer>> active;  ///< in flight, oldest first
     std::vector<std::unique_ptr<PictureTransfer>> retired; ///< ended; freed from the event loop
     QSet<QString> http2Origins; ///< servers that have answered a picture over HTTP/2
@@ -447,8 +447,8 @@ void CDownloadFileMan::PictureRun::finished(PictureTransfer& transfer)
     const QVariant target = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
     bool redirected = target.isValid();
     // A picture cut short, given up or not fully written counts as a failed download.
-    bool failed = reply->error() != QNetworkReply::NoError || transfer.outputFailed ||
-                  !transfer.file;
+    bool failed =
+        reply->error() != QNetworkReply::NoError || transfer.outputFailed || !transfer.file;
     if (reply->attribute(QNetworkRequest::Http2WasUsedAttribute).toBool())
         http2Origins.insert(transfer.origin);
     tagDownFileInfo& info = manager.fileList[transfer.index];
@@ -511,8 +511,8 @@ void CDownloadFileMan::PictureRun::finish(int index, PictureTransfer* transfer)
             info.useCache = true;
             if (!known)
                 cached.append(m.cachedIds, info.id);
-            m.logImage(info,
-                       m.firstRun ? " is added first ==> use cache" : " is added new ==> use cache");
+            m.logImage(info, m.firstRun ? " is added first ==> use cache"
+                                        : " is added new ==> use cache");
         }
     } else if (transfer) {
         releaseFile(*transfer, false);

@@ -17,9 +17,9 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPointer>
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
-#include <QTcpServer>
 #include <QtTest>
 
 #include <algorithm>
@@ -137,13 +137,14 @@ QStringList cacheFiles(const QString& images)
 {
     const qint64 stampedBefore = 1750000000;
     QStringList files;
-    for (const QFileInfo& info : QDir(images).entryInfoList(QDir::Files | QDir::Hidden,
-                                                              QDir::Name)) {
+    for (const QFileInfo& info :
+         QDir(images).entryInfoList(QDir::Files | QDir::Hidden, QDir::Name)) {
         files << QStringLiteral("%1 %2 %3 %4")
                      .arg(info.fileName())
                      .arg(info.size())
-                     .arg(QString::fromLatin1(QCryptographicHash::hash(
-                              readFile(info.filePath()), QCryptographicHash::Md5).toHex()))
+                     .arg(QString::fromLatin1(QCryptographicHash::hash(readFile(info.filePath()),
+                                                                       QCryptographicHash::Md5)
+                                                  .toHex()))
                      .arg(info.lastModified().toSecsSinceEpoch() < stampedBefore
                               ? QString::number(info.lastModified().toSecsSinceEpoch())
                               : QStringLiteral("written"));
@@ -190,9 +191,9 @@ public:
         paths.clear();
     }
 
-    int open = 0;        ///< requests held now
-    int peak = 0;        ///< most requests held at once
-    int overlaps = 0;    ///< requests that arrived while another of their dish was held
+    int open = 0;         ///< requests held now
+    int peak = 0;         ///< most requests held at once
+    int overlaps = 0;     ///< requests that arrived while another of their dish was held
     QByteArrayList heads; ///< every request's head as it arrived
     QByteArrayList paths; ///< every request's path, in order of arrival
 
@@ -298,13 +299,13 @@ QString sortedFetched(const QString& text)
 /// What one manager made of the scrambled menu in two syncs.
 struct ScrambledRun
 {
-    QStringList menus;        ///< NotifyComplete's text, each sync
-    QStringList files;        ///< the picture folder after each sync (cacheFiles())
-    QByteArrayList heads;     ///< every request's head, sorted
-    QStringList dishOrder;    ///< each sync: the requests for dish 5, then for dish 9, in order
-    int serverPeak = 0;       ///< most requests the server held at once
-    int clientPeak = 0;       ///< most replies out at once
-    int overlaps = 0;         ///< requests for a dish while another of it was held
+    QStringList menus;     ///< NotifyComplete's text, each sync
+    QStringList files;     ///< the picture folder after each sync (cacheFiles())
+    QByteArrayList heads;  ///< every request's head, sorted
+    QStringList dishOrder; ///< each sync: the requests for dish 5, then for dish 9, in order
+    int serverPeak = 0;    ///< most requests the server held at once
+    int clientPeak = 0;    ///< most replies out at once
+    int overlaps = 0;      ///< requests for a dish while another of it was held
 };
 
 } // namespace
@@ -422,25 +423,37 @@ private Q_SLOTS:
     // left; a redirect is followed hop by hop, each time to the target as given.
     void pictureOutcome_data()
     {
+        QTest::addColumn<int>("inFlight");
         QTest::addColumn<CloudReply>("answer");
         QTest::addColumn<QString>("menu");
         QTest::addColumn<QString>("url"); // of the entry afterwards
         QTest::addColumn<QByteArray>("content");
-        const QString base = cloud.baseUrl(), failed = "placeholder\n6.png\nfetched: /img/5.png";
-        const CloudReply slow{200, "new", {}, 400, {}};
-        QTest::newRow("slow but whole") << slow << "5.png\n6.png\nfetched: /img/5.png /img/6.png"
-                                        << base + "/img/5.png" << QByteArray("new");
-        QTest::newRow("not found")
-            << CloudReply{404, "not found", {}, 0, {}} << failed + " /img/6.png"
-            << base + "/img/5.png" << QByteArray("<missing>");
-        const CloudReply cut{
-            200, picture({5, "/img/5.png"}), {}, 0, CloudReply::Fault::ResetMidBody};
-        QTest::newRow("cut mid-body")
-            << cut << failed + " /img/6.png" << base + "/img/5.png" << QByteArray("<missing>");
-        const CloudReply hop{302, {}, {{"Location", (base + "/img/hop.png").toUtf8()}}, 0, {}};
-        QTest::newRow("two redirects")
-            << hop << "5.png\n6.png\nfetched: /img/5.png /img/hop.png /img/moved.png /img/6.png"
-            << base + "/img/moved.png" << QByteArray("moved");
+        const auto row = [](int inFlight, const char* tag) -> QTestData& {
+            return QTest::newRow(inFlight == 1 ? tag
+                                               : qPrintable(QStringLiteral("%1, %2 in flight")
+                                                                .arg(QLatin1String(tag))
+                                                                .arg(inFlight)))
+                   << inFlight;
+        };
+        for (const int inFlight : {1, 3}) {
+            const QString base = cloud.baseUrl(),
+                          failed = "placeholder\n6.png\nfetched: /img/5.png";
+            const CloudReply slow{200, "new", {}, 400, {}};
+            row(inFlight, "slow but whole")
+                << slow << "5.png\n6.png\nfetched: /img/5.png /img/6.png" << base + "/img/5.png"
+                << QByteArray("new");
+            row(inFlight, "not found")
+                << CloudReply{404, "not found", {}, 0, {}} << failed + " /img/6.png"
+                << base + "/img/5.png" << QByteArray("<missing>");
+            const CloudReply cut{
+                200, picture({5, "/img/5.png"}), {}, 0, CloudReply::Fault::ResetMidBody};
+            row(inFlight, "cut mid-body")
+                << cut << failed + " /img/6.png" << base + "/img/5.png" << QByteArray("<missing>");
+            const CloudReply hop{302, {}, {{"Location", (base + "/img/hop.png").toUtf8()}}, 0, {}};
+            row(inFlight, "two redirects")
+                << hop << "5.png\n6.png\nfetched: /img/5.png /img/hop.png /img/moved.png /img/6.png"
+                << base + "/img/moved.png" << QByteArray("moved");
+        }
     }
     void pictureOutcome()
     {
@@ -451,8 +464,12 @@ private Q_SLOTS:
         const QByteArray moved = (cloud.baseUrl() + "/img/moved.png").toUtf8();
         cloud->scriptReply("/img/hop.png", {}, CloudReply{302, {}, {{"Location", moved}}, 0, {}});
         cloud->putFile("/img/moved.png", "moved");
+        QFETCH(int, inFlight);
+        QFETCH(QString, menu);
         CDownloadFileMan manager(false, nullptr);
-        QTEST(sync(manager, {{5, "/img/5.png"}, {6, "/img/6.png", "0"}}), "menu");
+        manager.setMaxPicturesInFlight(inFlight);
+        QCOMPARE(sync(manager, {{5, "/img/5.png"}, {6, "/img/6.png", "0"}}),
+                 inFlight > 1 ? sortedFetched(menu) : menu);
         QTEST(manager.GetListFile().value(0).url, "url");
         QCOMPARE(readFile(images + "/5.png"), content);
     }
@@ -462,6 +479,7 @@ private Q_SLOTS:
     // completes once.
     void pictureLimits_data()
     {
+        QTest::addColumn<int>("inFlight");
         QTest::addColumn<int>("hops");
         QTest::addColumn<QByteArray>("firstTarget"); // empty: the next hop on this server
         QTest::addColumn<int>("delay");
@@ -471,55 +489,66 @@ private Q_SLOTS:
         QTest::addColumn<QString>("menu");
         QTest::addColumn<QStringList>("after");
         QTest::addColumn<QString>("why"); // the debug line that gives the picture up
-        const auto chain = [](int hops) {
-            QString fetched = "fetched: /img/5.png";
-            for (int i = 1; i <= hops; ++i)
-                fetched += QStringLiteral(" /img/r%1.png").arg(i);
-            return fetched;
+        const auto row = [](int inFlight, const char* tag) -> QTestData& {
+            return QTest::newRow(inFlight == 1 ? tag
+                                               : qPrintable(QStringLiteral("%1, %2 in flight")
+                                                                .arg(QLatin1String(tag))
+                                                                .arg(inFlight)))
+                   << inFlight;
         };
-        const QString failed = "placeholder\n6.png\n";
-        const QStringList six{"/6.png 4096"}, both{"/5.png 5", "/6.png 4096"};
-        const CloudReply served{0, {}, {}, 0, {}};
-        QTest::newRow("5 redirects")
-            << 5 << QByteArray() << 0 << served << qint64(0) << 0
-            << "5.png\n6.png\n" + chain(5) + " /img/6.png" << both << QString("");
-        QTest::newRow("6 redirects")
-            << 6 << QByteArray() << 0 << served << qint64(0) << 0
-            << failed + chain(5) + " /img/6.png" << six << QString("was redirected too often");
-        QTest::newRow("redirect loop")
-            << -1 << QByteArray() << 0 << served << qint64(0) << 0
-            << failed + "fetched:" + QString(" /img/5.png").repeated(6) + " /img/6.png" << six
-            << QString("was redirected too often");
-        QTest::newRow("https to plain http")
-            << 1 << QStringLiteral("http://127.0.0.1:%1/img/5.png").arg(plain.serverPort()).toUtf8()
-            << 0 << served << qint64(0) << 0 << failed + chain(0) + " /img/6.png" << six
-            << QString("was redirected to a less safe address");
-        CloudReply big{200, {}, {}, 0, {}};
-        big.streamBytes = 4097;
-        QTest::newRow("length over the cap") << 0 << QByteArray() << 0 << big << qint64(4096) << 0
-                                             << failed + chain(0) + " /img/6.png" << six
-                                             << QString("announces more bytes than the cap");
-        big.chunked = true;
-        QTest::newRow("chunked over the cap")
-            << 0 << QByteArray() << 0 << big << qint64(4096) << 0
-            << failed + chain(0) + " /img/6.png" << six << QString("is longer than the cap");
-        big.streamBytes = 4096;
-        const QStringList atCap{"/5.png 4096", "/6.png 4096"};
-        QTest::newRow("chunked at the cap")
-            << 0 << QByteArray() << 0 << big << qint64(4096) << 0
-            << "5.png\n6.png\n" + chain(0) + " /img/6.png" << atCap << QString("");
-        big.chunked = false;
-        QTest::newRow("length at the cap")
-            << 1 << QByteArray() << 0 << big << qint64(4096) << 0
-            << "5.png\n6.png\n" + chain(1) + " /img/6.png" << atCap << QString("");
-        const CloudReply late{200, "late", {}, 3000, {}};
-        QTest::newRow("deadline") << 0 << QByteArray() << 0 << late << qint64(0) << 500
-                                  << failed + chain(0) + " /img/6.png" << six
-                                  << QString("took longer than its deadline");
-        // Each answer well within the deadline, the picture as a whole not.
-        QTest::newRow("deadline across redirects")
-            << 3 << QByteArray() << 1500 << served << qint64(0) << 2500
-            << failed + chain(1) + " /img/6.png" << six << QString("took longer than its deadline");
+        for (const int inFlight : {1, 3}) {
+            const auto chain = [](int hops) {
+                QString fetched = "fetched: /img/5.png";
+                for (int i = 1; i <= hops; ++i)
+                    fetched += QStringLiteral(" /img/r%1.png").arg(i);
+                return fetched;
+            };
+            const QString failed = "placeholder\n6.png\n";
+            const QStringList six{"/6.png 4096"}, both{"/5.png 5", "/6.png 4096"};
+            const CloudReply served{0, {}, {}, 0, {}};
+            row(inFlight, "5 redirects")
+                << 5 << QByteArray() << 0 << served << qint64(0) << 0
+                << "5.png\n6.png\n" + chain(5) + " /img/6.png" << both << QString("");
+            row(inFlight, "6 redirects")
+                << 6 << QByteArray() << 0 << served << qint64(0) << 0
+                << failed + chain(5) + " /img/6.png" << six << QString("was redirected too often");
+            row(inFlight, "redirect loop")
+                << -1 << QByteArray() << 0 << served << qint64(0) << 0
+                << failed + "fetched:" + QString(" /img/5.png").repeated(6) + " /img/6.png" << six
+                << QString("was redirected too often");
+            row(inFlight, "https to plain http")
+                << 1
+                << QStringLiteral("http://127.0.0.1:%1/img/5.png").arg(plain.serverPort()).toUtf8()
+                << 0 << served << qint64(0) << 0 << failed + chain(0) + " /img/6.png" << six
+                << QString("was redirected to a less safe address");
+            CloudReply big{200, {}, {}, 0, {}};
+            big.streamBytes = 4097;
+            row(inFlight, "length over the cap") << 0 << QByteArray() << 0 << big << qint64(4096)
+                                                 << 0 << failed + chain(0) + " /img/6.png" << six
+                                                 << QString("announces more bytes than the cap");
+            big.chunked = true;
+            row(inFlight, "chunked over the cap")
+                << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+                << failed + chain(0) + " /img/6.png" << six << QString("is longer than the cap");
+            big.streamBytes = 4096;
+            const QStringList atCap{"/5.png 4096", "/6.png 4096"};
+            row(inFlight, "chunked at the cap")
+                << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+                << "5.png\n6.png\n" + chain(0) + " /img/6.png" << atCap << QString("");
+            big.chunked = false;
+            row(inFlight, "length at the cap")
+                << 1 << QByteArray() << 0 << big << qint64(4096) << 0
+                << "5.png\n6.png\n" + chain(1) + " /img/6.png" << atCap << QString("");
+            const CloudReply late{200, "late", {}, 3000, {}};
+            row(inFlight, "deadline") << 0 << QByteArray() << 0 << late << qint64(0) << 500
+                                      << failed + chain(0) + " /img/6.png" << six
+                                      << QString("took longer than its deadline");
+            // Each answer well within the deadline, the picture as a whole not.
+            row(inFlight, "deadline across redirects")
+                << 3 << QByteArray() << 1500 << served << qint64(0) << 2500
+                << failed + chain(1) + " /img/6.png" << six
+                << QString("took longer than its deadline");
+        }
     }
     void pictureLimits()
     {
@@ -549,12 +578,16 @@ private Q_SLOTS:
         }
         QSignalSpy plainConnections(&plain, &QTcpServer::newConnection);
         LogCapture log;
+        QFETCH(int, inFlight);
+        QFETCH(QString, menu);
         CDownloadFileMan manager(true, nullptr);
+        manager.setMaxPicturesInFlight(inFlight);
         if (cap)
             manager.setMaxFileSize(cap);
         if (deadline)
             manager.setPictureDeadline(deadline);
-        QTEST(sync(manager, {{5, "/img/5.png", "0"}, {6, "/img/6.png", "0"}}), "menu");
+        QCOMPARE(sync(manager, {{5, "/img/5.png", "0"}, {6, "/img/6.png", "0"}}),
+                 inFlight > 1 ? sortedFetched(menu) : menu);
         QTEST(tree(images), "after");
         QCOMPARE(plainConnections.count() + int(plain.hasPendingConnections()), 0);
         QFETCH(QString, why);
@@ -774,7 +807,8 @@ private Q_SLOTS:
         if (shared)
             manager->setNetworkAccessManager(&network);
         bool completed = false;
-        connect(manager, &CDownloadFileMan::NotifyComplete, this, [&completed] { completed = true; });
+        connect(manager, &CDownloadFileMan::NotifyComplete, this,
+                [&completed] { completed = true; });
         pictures.reset();
         startMenu(*manager, menuText(dishes, pictures.base()));
         QTRY_COMPARE_WITH_TIMEOUT(pictures.open, 4, kWait);
@@ -795,7 +829,10 @@ private Q_SLOTS:
             dishes << Dish{id, QStringLiteral("/img/%1.png").arg(id)};
             const bool held = id >= 52 && id <= 54;
             pictures.put(dishes.last().path.toUtf8(),
-                         {200, picture(dishes.last()), {}, held ? 0 : 20,
+                         {200,
+                          picture(dishes.last()),
+                          {},
+                          held ? 0 : 20,
                           held ? PictureServer::Fault::HoldMidBody : PictureServer::Fault::None});
         }
         auto* network = new QNetworkAccessManager;
@@ -806,7 +843,8 @@ private Q_SLOTS:
         QSignalSpy complete(&manager, &CDownloadFileMan::NotifyComplete);
         pictures.reset();
         startMenu(manager, menuText(dishes, pictures.base()));
-        QTRY_VERIFY_WITH_TIMEOUT(pictures.open == 3 && tree(images).contains("/51.png 4096"), kWait);
+        QTRY_VERIFY_WITH_TIMEOUT(pictures.open == 3 && tree(images).contains("/51.png 4096"),
+                                 kWait);
         delete network;
         QVERIFY(complete.wait(kWait));
         QCoreApplication::processEvents();
