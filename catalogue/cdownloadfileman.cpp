@@ -111,7 +111,8 @@ struct PictureTransfer
 
 // Kept beside the manager, whose layout is fixed: its settings, the indexes of its id lists
 // (which live as long as the manager), and the state of a run with every picture in flight.
-class CDownloadFileMan::PictureRun : public QObject
+// Hidden: none of it is part of the library's exported symbols.
+class Q_DECL_HIDDEN CDownloadFileMan::PictureRun : public QObject
 {
 public:
     explicit PictureRun(CDownloadFileMan* owner) : QObject(owner), manager(*owner) {}
