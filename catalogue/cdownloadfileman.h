@@ -85,7 +85,8 @@ public:
      * Fetches the pictures through @p manager instead of a manager of its own made for each
      * run; nullptr goes back to that. Takes effect at the next StartDownload(). @p manager is
      * not owned and may be deleted at any time: the pictures in flight then fail (placeholder,
-     * no file left) and so does every picture still to fetch in that run. Redirects are still
+     * no file left), and so does every picture still to fetch, in that run and in runs started
+     * before another manager (or nullptr) is set. Redirects are still
      * followed by this object (each request asks for manual redirects), whatever the manager's
      * own redirect policy is.
      */
