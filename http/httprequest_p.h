@@ -220,12 +220,21 @@ template <class Owner> struct HttpRequest
         return QString();
     }
 
+    static constexpr char NotSentAgainText[] =
+        "connection closed before the answer; the request was not sent again, its outcome is "
+        "unknown";
+
     // Qt's error text for an HTTP error status quotes the whole request URL, and a GET carries its
     // parameters in the query: a login's password among them. That text is logged and handed on
     // to hosts, which log it too, so the query and any credentials are cut out of it; the rest of
     // the text (path, server's status text) stays as Qt wrote it.
     static QString errorTextWithoutSecrets(const QNetworkReply& reply)
     {
+        // Qt says only "Unknown error" when it would send a request again and cannot rewind its
+        // body (postOnce()): the one thing the owner must know is that the server may have
+        // acted on it.
+        if (reply.error() == QNetworkReply::ContentReSendError)
+            return QString::fromLatin1(NotSentAgainText);
         QString text = reply.errorString();
         const QUrl url = reply.url();
         const QUrl::FormattingOptions cut = QUrl::RemoveQuery | QUrl::RemoveUserInfo;
