@@ -21,6 +21,8 @@
 #include <QPointer>
 #include <QUrl>
 
+#include <utility>
+
 namespace kelo_detail {
 
 /// Whether Qt may send a request's body again (when the connection closes before any byte of the
@@ -161,8 +163,10 @@ template <class Owner> struct HttpRequest
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
         if (owner.reply)
             watchSize(owner, owner.reply, maxReplySize(owner));
-        if (PoolLink* link = linkOf(owner))
-            link->reply = owner.reply;
+        if (PoolLink* link = linkOf(owner)) {
+            link->replies.removeAll(nullptr);
+            link->replies.append(owner.reply);
+        }
         return owner.reply;
     }
 
@@ -290,7 +294,7 @@ template <class Owner> struct HttpRequest
     {
         // A pool's reply may be gone with its pool: only a live one is aborted.
         if (const PoolLink* link = linkOf(owner)) {
-            if (link->reply && link->reply.data() == owner.reply)
+            if (link->lastAlive(owner.reply))
                 owner.reply->abort();
             return;
         }
@@ -302,17 +306,19 @@ template <class Owner> struct HttpRequest
     // the pointer dangles (owners normally delete the object from their handlers before that).
     // A reply still alive is still a child of our manager: only then is it deleted here, so an
     // object kept longer is not a double delete. The pointer is only compared, never followed.
-    // An object handed to a pool knows its last reply's fate from its link instead: deleted by
-    // HttpBase's deferred deletion or with the pool that owned it, or alive (and deleted here).
+    // An object handed to a pool knows its replies' fate from its link instead: each was
+    // deleted by HttpBase's deferred deletion or with the pool that owned it, or lives (and is
+    // deleted here, as the object's own manager would have deleted it).
     static void destroy(Owner& owner)
     {
-        if (!owner.reply)
-            return;
-        if (const PoolLink* link = linkOf(owner)) {
-            if (link->reply && link->reply.data() == owner.reply)
-                delete owner.reply;
+        if (PoolLink* link = linkOf(owner)) {
+            const QList<QPointer<QNetworkReply>> replies = std::exchange(link->replies, {});
+            for (const QPointer<QNetworkReply>& reply : replies)
+                delete reply.data();
             return;
         }
+        if (!owner.reply)
+            return;
         if (owner.manager.children().contains(owner.reply))
             delete owner.reply;
     }

@@ -73,6 +73,7 @@ private Q_SLOTS:
     void createBytesAsBefore();
     void everyRequestOnceAgainstIdleCloses_data();
     void everyRequestOnceAgainstIdleCloses();
+    void noReplyOutlivesItsRequest();
     void sdkGoesFirstWithRequestsOut();
     void notificationClientOutlivesThePool();
 
@@ -300,6 +301,28 @@ void TestPool::everyRequestOnceAgainstIdleCloses()
         closed += e.onConnection > 1 ? 1 : 0;
     QVERIFY2(closed >= 6 * rounds, qPrintable(QString::number(closed)));
     QCOMPARE(f.cloud->exchanges("/kelo/api/table/").size(), 2 * rounds);
+}
+
+void TestPool::noReplyOutlivesItsRequest()
+{
+    Kelosdk& sdk = f.newSdk();
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+    // The pool is the SDK object's one manager; a failed request too must leave nothing in it.
+    auto* pool = sdk.findChild<QNetworkAccessManager*>();
+    QVERIFY(pool);
+    f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("get_order_list"),
+                         replyWith("{}", 500));
+    sdk.tableRequest();
+    sdk.tableFoodsRequest(3);
+    sdk.tumipayRequest(5, QStringLiteral("T"), QStringLiteral("B"));
+    QVERIFY(seen["tumiQRInvoiceCode"].wait(kWait));
+    QVERIFY(QTest::qWaitFor([&] { return seen["tableRequestDone"].count() == 1; }, kWait));
+    QVERIFY(QTest::qWaitFor([&] { return seen["networkError"].count() == 1; }, kWait));
+    // The chain's object carried "get_session" through the pool and keeps its replies until it
+    // goes: then the pool holds none of them any more.
+    QTRY_COMPARE_WITH_TIMEOUT(pool->findChildren<QNetworkReply*>().size(), 0, kWait);
+    QCOMPARE(seen.fired(), (QStringList{"networkError x1", "tableRequestDone x1",
+                                        "tumiQRInvoiceCode x1"}));
 }
 
 void TestPool::sdkGoesFirstWithRequestsOut()
