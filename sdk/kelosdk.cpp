@@ -71,7 +71,8 @@ bool KelosdkPrivate::busy(RequestKind kind) const
 
 // ---- what the object waits on ----------------------------------------------------------------
 
-KelosdkPrivate::KelosdkPrivate(Kelosdk* owner) : q(owner), pool(new kelo_detail::SharedNetwork(owner))
+KelosdkPrivate::KelosdkPrivate(Kelosdk* owner)
+    : q(owner), pool(new kelo_detail::SharedNetwork(owner))
 {
 }
 

@@ -272,7 +272,7 @@ void TestPool::everyRequestOnceAgainstIdleCloses()
         QVERIFY(step("tableMergeDone", [&] { sdk.tableMergeRequest(3, 4); }));
         QVERIFY(step("paymentDone", [&] { sdk.paymentRequest(3, 5); }));
         QVERIFY(step("tumiQRInvoiceCode",
-                      [&] { sdk.tumipayRequest(5, QStringLiteral("T"), QStringLiteral("B")); }));
+                     [&] { sdk.tumipayRequest(5, QStringLiteral("T"), QStringLiteral("B")); }));
         const QString code =
             QJsonDocument::fromJson(seen["tumiQRInvoiceCode"].last().at(0).toByteArray())
                 .object()
@@ -286,11 +286,11 @@ void TestPool::everyRequestOnceAgainstIdleCloses()
     }
     QTest::qWait(300); // anything sent twice or answered late would show now
     const QString n = QString::number(rounds);
-    QCOMPARE(seen.fired(), (QStringList{"userLoginDone x" + n, "userLogoutDone x" + n,
-                                        "foodOrderRequestDone x" + n, "tableRequestDone x" + n,
-                                        "tableFoodsDone x" + n, "tableMergeDone x" + n,
-                                        "tumiQRInvoiceCode x" + n, "tumipayCancelDone x" + n,
-                                        "paymentDone x" + n}));
+    QCOMPARE(
+        seen.fired(),
+        (QStringList{"userLoginDone x" + n, "userLogoutDone x" + n, "foodOrderRequestDone x" + n,
+                     "tableRequestDone x" + n, "tableFoodsDone x" + n, "tableMergeDone x" + n,
+                     "tumiQRInvoiceCode x" + n, "tumipayCancelDone x" + n, "paymentDone x" + n}));
     // Every invoice reached the server once and was booked once (and cancelled).
     QCOMPARE(f.cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create")).size(), rounds);
     QCOMPARE(f.cloud->openInvoiceCount(), openBefore);
@@ -321,15 +321,15 @@ void TestPool::noReplyOutlivesItsRequest()
     // The chain's object carried "get_session" through the pool and keeps its replies until it
     // goes: then the pool holds none of them any more.
     QTRY_COMPARE_WITH_TIMEOUT(pool->findChildren<QNetworkReply*>().size(), 0, kWait);
-    QCOMPARE(seen.fired(), (QStringList{"networkError x1", "tableRequestDone x1",
-                                        "tumiQRInvoiceCode x1"}));
+    QCOMPARE(seen.fired(),
+             (QStringList{"networkError x1", "tableRequestDone x1", "tumiQRInvoiceCode x1"}));
 }
 
 void TestPool::sdkGoesFirstWithRequestsOut()
 {
     Kelosdk& sdk = f.newSdk();
-    f.cloud->scriptReply("/kelo/api/table/", QString(),
-                         faultReply(CloudReply::Fault::NeverAnswer), 10);
+    f.cloud->scriptReply("/kelo/api/table/", QString(), faultReply(CloudReply::Fault::NeverAnswer),
+                         10);
     f.cloud->scriptReply("/kelo/api/invoice/", QStringLiteral("get_session"),
                          faultReply(CloudReply::Fault::NeverAnswer), 10);
     SignalRecorder seen(&sdk, {"cloudConnectionChange"});
@@ -361,8 +361,7 @@ void TestPool::notificationClientOutlivesThePool()
                          faultReply(CloudReply::Fault::NeverAnswer), 1000);
     const int asked = sessionFetches(f.cloud, device).size();
     QVERIFY(f.cloud->dropWebSockets() >= 1);
-    QVERIFY(QTest::qWaitFor([&] { return sessionFetches(f.cloud, device).size() > asked; },
-                            kWait));
+    QVERIFY(QTest::qWaitFor([&] { return sessionFetches(f.cloud, device).size() > asked; }, kWait));
     const CloudExchange pooled = sessionFetches(f.cloud, device).last();
     QCOMPARE(pooled.connection, f.cloud->exchanges("/kelo/api/table/").last().connection);
     {
@@ -375,8 +374,8 @@ void TestPool::notificationClientOutlivesThePool()
     f.cloud->clearScripts();
 
     // The watchdog's next fetch goes through a manager of the client's own, and connects.
-    QVERIFY(QTest::qWaitFor([&] { return sessionFetches(f.cloud, device).size() > asked + 1; },
-                            kWait));
+    QVERIFY(
+        QTest::qWaitFor([&] { return sessionFetches(f.cloud, device).size() > asked + 1; }, kWait));
     QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(device); }, kWait));
     QCOMPARE(sessionFetches(f.cloud, device).size(), asked + 2);
     QVERIFY(sessionFetches(f.cloud, device).last().connection != pooled.connection);
