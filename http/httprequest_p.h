@@ -9,6 +9,7 @@
 // The one behavioural difference, what happens to a finished reply, is a parameter.
 
 #include "httpbase.h"
+#include "httppool_p.h"
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
 #include "keloqtcompat_p.h"
@@ -20,7 +21,17 @@
 #include <QPointer>
 #include <QUrl>
 
+#include <utility>
+
 namespace kelo_detail {
+
+/// Whether Qt may send a request's body again (when the connection closes before any byte of the
+/// answer); Never is for a request that must not reach the server twice (postOnce()).
+enum class Resend
+{
+    Allowed,
+    Never
+};
 
 /// What finished() does with the reply once it has emitted the outcome.
 enum class FinishedReply
@@ -64,25 +75,70 @@ template <class Owner> struct HttpRequest
         return request;
     }
 
+    // The object's link to a pool, if it was ever handed one (sendThrough()).
+    static PoolLink* linkOf(const Owner& owner)
+    {
+        return owner.manager.template findChild<PoolLink*>(QString(), Qt::FindDirectChildrenOnly);
+    }
+
+    // The pool while the object is handed one and the pool lives; else the object's own manager.
+    static QNetworkAccessManager& managerOf(Owner& owner)
+    {
+        const PoolLink* link = linkOf(owner);
+        return link && link->pool ? *link->pool : owner.manager;
+    }
+
+    static void setPool(Owner& owner, QNetworkAccessManager* pool)
+    {
+        PoolLink* link = linkOf(owner);
+        if (!link && !pool)
+            return;
+        if (!link)
+            link = new PoolLink(&owner.manager);
+        link->pool = pool;
+    }
+
     static QNetworkReply* get(Owner& owner)
     {
-        return owner.manager.get(owner.createRequest(CONTENT_NONE, HTTP_GET));
+        return managerOf(owner).get(owner.createRequest(CONTENT_NONE, HTTP_GET));
     }
 
     static QNetworkReply* post(Owner& owner)
     {
         const QByteArray body = owner.params.post();
-        return owner.manager.post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+        return managerOf(owner).post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+    }
+
+    // The whole of kelo_detail::postOnce().
+    static QNetworkReply* postOnce(Owner& owner)
+    {
+        // A connection kept alive may be closed by the server as idle at the very moment the
+        // request goes out: only a fresh one is sure to carry it (and then no more than once).
+        setPool(owner, nullptr);
+        owner.manager.clearConnectionCache();
+        return process(owner, HTTP_POST, nullptr, Resend::Never);
+    }
+
+    // Qt turns post()'s byte array into a QBuffer of the same bytes, so the request on the wire is
+    // the same; only the rewinding differs (OnceReadBody).
+    static QNetworkReply* postBodyOnce(Owner& owner)
+    {
+        auto* body = new OnceReadBody(owner.params.post());
+        QNetworkReply* reply =
+            managerOf(owner).post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+        body->setParent(reply);
+        return reply;
     }
 
     static QNetworkReply* put(Owner& owner, QIODevice* iostream)
     {
         if (!iostream)
             return nullptr;
-        return owner.manager.put(owner.createRequest(CONTENT_NONE, HTTP_GET), iostream);
+        return managerOf(owner).put(owner.createRequest(CONTENT_NONE, HTTP_GET), iostream);
     }
 
-    static QNetworkReply* process(Owner& owner, HTTP_PROCESS processType, QIODevice* iostream)
+    static QNetworkReply* process(Owner& owner, HTTP_PROCESS processType, QIODevice* iostream,
+                                  Resend resend = Resend::Allowed)
     {
         // The stored URL plus the raw parameters, not the exact request sent: for reading only.
         if (owner.debug)
@@ -91,7 +147,7 @@ template <class Owner> struct HttpRequest
 
         switch (processType) {
         case HTTP_POST:
-            owner.reply = owner.post();
+            owner.reply = resend == Resend::Never ? postBodyOnce(owner) : owner.post();
             break;
         case HTTP_GET:
             owner.reply = owner.get();
@@ -107,6 +163,10 @@ template <class Owner> struct HttpRequest
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
         if (owner.reply)
             watchSize(owner, owner.reply, maxReplySize(owner));
+        if (PoolLink* link = linkOf(owner)) {
+            link->replies.removeAll(nullptr);
+            link->replies.append(owner.reply);
+        }
         return owner.reply;
     }
 
@@ -164,12 +224,21 @@ template <class Owner> struct HttpRequest
         return QString();
     }
 
+    static constexpr char NotSentAgainText[] =
+        "connection closed before the answer; the request was not sent again, its outcome is "
+        "unknown";
+
     // Qt's error text for an HTTP error status quotes the whole request URL, and a GET carries its
     // parameters in the query: a login's password among them. That text is logged and handed on
     // to hosts, which log it too, so the query and any credentials are cut out of it; the rest of
     // the text (path, server's status text) stays as Qt wrote it.
     static QString errorTextWithoutSecrets(const QNetworkReply& reply)
     {
+        // Qt says only "Unknown error" when it would send a request again and cannot rewind its
+        // body (postOnce()): the one thing the owner must know is that the server may have
+        // acted on it.
+        if (reply.error() == QNetworkReply::ContentReSendError)
+            return QString::fromLatin1(NotSentAgainText);
         QString text = reply.errorString();
         const QUrl url = reply.url();
         const QUrl::FormattingOptions cut = QUrl::RemoveQuery | QUrl::RemoveUserInfo;
@@ -223,6 +292,12 @@ template <class Owner> struct HttpRequest
 
     static void cancel(Owner& owner)
     {
+        // A pool's reply may be gone with its pool: only a live one is aborted.
+        if (const PoolLink* link = linkOf(owner)) {
+            if (link->lastAlive(owner.reply))
+                owner.reply->abort();
+            return;
+        }
         if (owner.reply)
             owner.reply->abort();
     }
@@ -231,9 +306,20 @@ template <class Owner> struct HttpRequest
     // the pointer dangles (owners normally delete the object from their handlers before that).
     // A reply still alive is still a child of our manager: only then is it deleted here, so an
     // object kept longer is not a double delete. The pointer is only compared, never followed.
+    // An object handed to a pool knows its replies' fate from its link instead: each was
+    // deleted by HttpBase's deferred deletion or with the pool that owned it, or lives (and is
+    // deleted here, as the object's own manager would have deleted it).
     static void destroy(Owner& owner)
     {
-        if (owner.reply && owner.manager.children().contains(owner.reply))
+        if (PoolLink* link = linkOf(owner)) {
+            const QList<QPointer<QNetworkReply>> replies = std::exchange(link->replies, {});
+            for (const QPointer<QNetworkReply>& reply : replies)
+                delete reply.data();
+            return;
+        }
+        if (!owner.reply)
+            return;
+        if (owner.manager.children().contains(owner.reply))
             delete owner.reply;
     }
 };
