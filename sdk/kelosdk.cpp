@@ -378,6 +378,9 @@ void Kelosdk::onFoodsReadyDownload(const QVariant& data)
     manager->setMaxFileSize(d->maxPictureBytes);
     manager->setMaxPicturesInFlight(d->picturesInFlight);
     manager->setHttp2Allowed(kelo_limits::SdkPicturesOverHttp2);
+    // Through the object's pool: the picture host's connections (and its TLS sessions) stay
+    // open from one menu sync to the next, like the API's.
+    manager->setNetworkAccessManager(d->network());
     // Should this object go first, or the host give up, the run is abandoned with the rest.
     d->track(manager);
     connect(manager, &CDownloadFileMan::NotifyComplete, this, [this, manager](const QString& text) {
