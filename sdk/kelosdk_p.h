@@ -94,6 +94,9 @@ public:
     /// invoice excepted, see kelo_detail::postOnce()), and the notification client's session
     /// fetch while this object lives.
     QNetworkAccessManager* network();
+    /// The pool of the menu runs' pictures: kept apart from network() so that a broken picture
+    /// download never fails an API request queued behind it in the same manager.
+    QNetworkAccessManager* pictureNetwork();
 
     /// What the SDK object waits on: its request objects (children of the object) and its
     /// picture runs (CDownloadFileMan, no parent), from their start until their result is handled
@@ -132,4 +135,5 @@ private:
     // destructor of the SDK object has abandoned its requests; what still goes through it then
     // (a session fetch of the notification client) is aborted by it.
     kelo_detail::SharedNetwork* const pool;
+    kelo_detail::SharedNetwork* const picturePool;
 };
