@@ -1,0 +1,51 @@
+// The network lab as a test on its terminal side sees it (tools/netlab/lab.sh run): the
+// environment lab.sh sets, the wire's control (profile, blackhole) and the simulator's control
+// routes across the wire.
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+
+class LabControl
+{
+public:
+    /// Reads the lab's environment; false outside the lab (KELO_LAB_API unset).
+    bool read();
+    bool isInside() const { return !api.isEmpty(); }
+    /// Trusts the lab's CA in this process and points Kelosdk objects at its kelo-cloud.
+    bool trustAndPointSdk();
+
+    /// The wire plays @p profile ("lan", "wifi", "4g", "lossy-wifi") from now on.
+    bool setProfile(const QString& profile);
+    /// The wire drops every packet both ways (on) or carries them again (off).
+    bool blackhole(bool on);
+    /// Back to how lab.sh started: blackhole off, its profile, the simulator without faults.
+    bool restore();
+
+    /// GET /_sim/state of the lab's kelo-cloud.
+    bool simulatorState(QJsonObject* state);
+    /// The simulator's fault that closes a kept-alive connection just as the next request
+    /// arrives on it, on or off.
+    bool closeKeptAlive(bool on);
+    /// Whether the kept-alive fault closed a connection between two states.
+    bool faultFired(const QJsonObject& after, const QJsonObject& before) const;
+
+    /// The number of an invoice code such as "INV#000012" (12); -1 if it has none.
+    static int invoiceNumber(const QString& code);
+
+    QString lastError() const { return error; }
+
+private:
+    bool wireCtl(const QStringList& args);
+    bool simulator(const QByteArray& method, const QString& path, const QByteArray& form,
+                   QJsonObject* answer);
+
+    QString api;
+    QString ca;
+    QString wire;
+    QString wireSocket;
+    QString profile;
+    bool keptAliveFaultOn = false;
+    QString error;
+};
