@@ -12,15 +12,20 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QHttp2Configuration>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QPointer>
+#include <QSet>
 #include <QStandardPaths>
 #include <QTimer>
 #include <QUrl>
 
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -73,48 +78,508 @@ bool isAllowedRedirect(const QUrl& target, bool plainHttpAllowed)
             (plainHttpAllowed && scheme == QLatin1String("http")));
 }
 
+// One picture in flight: its entry, its redirects so far, whether plain http is allowed for it,
+// its bytes, its deadline, the file it is written to and the answer it comes from.
+struct PictureTransfer
+{
+    explicit PictureTransfer(int entry) : index(entry) { deadline.setSingleShot(true); }
+    const int index;               ///< the entry in the manager's list
+    int redirects = 0;             ///< redirects followed for it
+    bool plainHttpAllowed = false; ///< the catalogue's own address for it is plain http
+    bool requested = false;        ///< a request went out for it (its deadline runs)
+    bool again = false;            ///< redirected: to be fetched again from its new address
+    bool waiting = false;          ///< a request is out and has not finished
+    bool outputFailed = false;     ///< given up, or a write failed: ends like a network error
+    qint64 received = 0;           ///< bytes of the current answer so far
+    QElapsedTimer started;         ///< since the entry's first request
+    QTimer deadline;               ///< gives the entry up, redirects included
+    QFile* file = nullptr;         ///< the cache file being written
+    QPointer<QNetworkReply> reply; ///< the answer in flight
+
+    bool expired(int deadlineMs) const { return deadlineMs > 0 && started.hasExpired(deadlineMs); }
+};
+
 } // namespace
 
-// The state of the picture being fetched, kept beside the manager (whose layout is fixed): its
-// redirects so far, whether plain http is allowed for it, its bytes and its deadline; and the
-// indexes of the manager's id lists, which live as long as the manager.
+// Kept beside the manager, whose layout is fixed: its settings, the indexes of its id lists
+// (which live as long as the manager), and the state of a run with every picture in flight.
 class CDownloadFileMan::PictureRun : public QObject
 {
 public:
-    explicit PictureRun(CDownloadFileMan* manager) : QObject(manager)
-    {
-        deadline.setSingleShot(true);
-        connect(&deadline, &QTimer::timeout, manager,
-                [manager] { manager->givePictureUp(" took longer than its deadline"); });
-    }
-    int index = -1;                   ///< the entry this state belongs to; -1: none
-    int redirects = 0;                ///< redirects followed for it
-    bool plainHttpAllowed = false;    ///< the catalogue's own address for it is plain http
-    qint64 received = 0;              ///< bytes of the current answer so far
-    QElapsedTimer started;            ///< since the entry's first request
-    QTimer deadline;                  ///< gives up the entry, redirects included
+    explicit PictureRun(CDownloadFileMan* owner) : QObject(owner), manager(*owner) {}
+
+    CDownloadFileMan& manager;
+
+    // ---- settings ----
+    qint64 capBytes = kelo_limits::DefaultMaxPictureBytes;
+    int deadlineMs = kelo_limits::PictureDeadlineMs;
+    int maxInFlight = 1;
+    bool http2 = false;
+    bool sharedSet = false;                        ///< setNetworkAccessManager() was given one
+    QPointer<QNetworkAccessManager> sharedNetwork; ///< ... and this is it while it lives
+
     kelo_catalogue::IdIndex cached;   ///< index of the manager's cachedIds
     kelo_catalogue::IdIndex modified; ///< index of the manager's modifiedIds
 
-    /// Starts the state of entry @p entry, whose catalogue address is @p url.
-    void begin(int entry, const QString& url, int deadlineMs)
-    {
-        index = entry;
-        redirects = 0;
-        plainHttpAllowed = QUrl(url).scheme() == QLatin1String("http");
-        started.start();
-        if (deadlineMs > 0)
-            deadline.start(deadlineMs);
-        else
-            deadline.stop();
-    }
-    void end()
-    {
-        index = -1;
-        deadline.stop();
-    }
-    bool expired(int deadlineMs) const { return deadlineMs > 0 && started.hasExpired(deadlineMs); }
+    // ---- the run ----
+    bool running = false;                  ///< from StartDownload to DownloadDone
+    bool doneSignalled = false;            ///< NotifyDownloadDone was emitted in this run
+    QPointer<QNetworkAccessManager> network; ///< the manager the run fetches through
+    QMetaObject::Connection networkGone;   ///< to a shared manager's destroyed()
+    int next = 0;                          ///< the first entry not looked at yet
+    int ended = 0;                         ///< entries done (below next, none waiting or active)
+    QList<int> held;                       ///< entries held back behind another of their dish
+    std::vector<std::unique_ptr<PictureTransfer>> active;  ///< in flight, oldest first
+    std::vector<std::unique_ptr<PictureTransfer>> retired; ///< ended; freed from the event loop
+
+    void begin(QNetworkAccessManager* through, int from);
+    void fill();
+    bool start(PictureTransfer& transfer);
+    void readyRead(PictureTransfer& transfer);
+    void finished(PictureTransfer& transfer);
+    void finish(int index, PictureTransfer* transfer);
+    void giveUp(PictureTransfer& transfer, const char* why);
+    void releaseFile(PictureTransfer& transfer, bool keep);
+    void dropAll();
+    void sharedNetworkGone();
+    PictureTransfer* find(int index) const;
+    PictureTransfer* fromReply(const QObject* reply) const;
+
+private:
+    bool launch(int index);
+    void retire(PictureTransfer& transfer);
+    void step();
+    bool heldBack(int index, const QSet<int>& heldIds, const QSet<QString>& heldNames) const;
+    static QString dishName(const tagDownFileInfo& info);
 };
+
+namespace {
+
+// The folder part of an entry's dish: its cache file's name before the first "." (what the
+// filter "<base>.*" of DeleteOldFiles compares), case-folded as QDir compares it.
+QString dishNameOf(const QString& localPath)
+{
+    return QFileInfo(localPath).baseName().toCaseFolded();
+}
+
+} // namespace
+
+QString CDownloadFileMan::PictureRun::dishName(const tagDownFileInfo& info)
+{
+    return dishNameOf(info.localPath);
+}
+
+void CDownloadFileMan::PictureRun::begin(QNetworkAccessManager* through, int from)
+{
+    running = true;
+    doneSignalled = false;
+    network = through;
+    next = ended = from;
+    held.clear();
+    QObject::disconnect(networkGone);
+    if (through && through != manager.networkManager)
+        networkGone = connect(through, &QObject::destroyed, this, [this] { sharedNetworkGone(); });
+}
+
+PictureTransfer* CDownloadFileMan::PictureRun::find(int index) const
+{
+    for (const auto& transfer : active)
+        if (transfer->index == index)
+            return transfer.get();
+    return nullptr;
+}
+
+PictureTransfer* CDownloadFileMan::PictureRun::fromReply(const QObject* reply) const
+{
+    for (const auto& transfer : active)
+        if (reply && transfer->reply == reply)
+            return transfer.get();
+    return nullptr;
+}
+
+bool CDownloadFileMan::PictureRun::heldBack(int index, const QSet<int>& heldIds,
+                                            const QSet<QString>& heldNames) const
+{
+    const tagDownFileInfo& info = manager.fileList.at(index);
+    const QString name = dishName(info);
+    if (heldIds.contains(info.id) || heldNames.contains(name))
+        return true;
+    for (const auto& transfer : active) {
+        const tagDownFileInfo& other = manager.fileList.at(transfer->index);
+        if (other.id == info.id || dishName(other) == name)
+            return true;
+    }
+    return false;
+}
+
+void CDownloadFileMan::PictureRun::fill()
+{
+    retired.clear();
+    const int size = manager.fileList.size();
+    // Redirected pictures first, each from its new address.
+    for (size_t i = 0; i < active.size(); ++i) {
+        PictureTransfer& transfer = *active[i];
+        if (!transfer.again)
+            continue;
+        transfer.again = false;
+        if (!start(transfer))
+            return; // it ended at once; the queued step carries on
+    }
+    if (ended >= size) {
+        step();
+        return;
+    }
+    // Then entries in catalogue order, as long as there is room. An entry that shares its id or
+    // its file name with one in flight, or with one held back before it, waits, so that pictures
+    // of one dish go one after the other in catalogue order, as a single file would have them.
+    QSet<int> heldIds;
+    QSet<QString> heldNames;
+    const auto hold = [&](int index) {
+        heldIds.insert(manager.fileList.at(index).id);
+        heldNames.insert(dishName(manager.fileList.at(index)));
+    };
+    for (int i = 0; i < held.size() && int(active.size()) < maxInFlight;) {
+        const int index = held.at(i);
+        if (heldBack(index, heldIds, heldNames)) {
+            hold(index);
+            ++i;
+            continue;
+        }
+        held.removeAt(i);
+        if (!launch(index))
+            return;
+    }
+    while (int(active.size()) < maxInFlight && next < size) {
+        const int index = next++;
+        if (heldBack(index, heldIds, heldNames)) {
+            held.append(index);
+            hold(index);
+            continue;
+        }
+        if (!launch(index))
+            return;
+    }
+}
+
+bool CDownloadFileMan::PictureRun::launch(int index)
+{
+    active.push_back(std::make_unique<PictureTransfer>(index));
+    PictureTransfer& transfer = *active.back();
+    connect(&transfer.deadline, &QTimer::timeout, this,
+            [this, &transfer] { giveUp(transfer, " took longer than its deadline"); });
+    return start(transfer);
+}
+
+bool CDownloadFileMan::PictureRun::start(PictureTransfer& transfer)
+{
+    CDownloadFileMan& m = manager;
+    m.currentIndex = transfer.index;
+    releaseFile(transfer, false);
+    if (transfer.reply) {
+        transfer.reply->disconnect(&m);
+        delete transfer.reply;
+    }
+    tagDownFileInfo& info = m.fileList[transfer.index];
+    // Back here after a redirect: the same entry, unless its whole time is up.
+    if (transfer.requested && transfer.expired(deadlineMs)) {
+        info.fileReady = false;
+        finish(transfer.index, &transfer);
+        return false;
+    }
+    // The file name comes from the server's "img_host", "img_path" and "item_id". Anything that
+    // would not land as a plain file directly in the cache folder fails here, before any file
+    // system call, and the dish shows the placeholder.
+    if (!m.isCacheFilePath(info.localPath)) {
+        info.fileReady = false;
+        finish(transfer.index, &transfer);
+        return false;
+    }
+
+    if (m.IsFileCached()) {
+        info.fileReady = true;
+        if (!cached.contains(m.cachedIds, info.id))
+            cached.append(m.cachedIds, info.id);
+        info.useCache = !modified.contains(m.modifiedIds, info.id);
+        retire(transfer);
+        ++ended;
+        m.currentIndex = transfer.index + 1;
+        emit m.NotifyDownloadNextFile();
+        return false;
+    }
+
+    m.DeleteOldFiles();
+    info.fileReady = false;
+    if (!QDir().mkpath(QFileInfo(info.localPath).absolutePath()) ||
+        !m.isInsideCacheFolder(info.localPath)) {
+        finish(transfer.index, &transfer);
+        return false;
+    }
+    // A link left at this name (the listing above skips dangling ones) is removed, never followed;
+    // NewOnly then creates the file afresh (O_EXCL), so nothing outside can be written through it.
+    if (QFileInfo(info.localPath).isSymLink())
+        QFile::remove(info.localPath);
+    transfer.file = new QFile(info.localPath);
+    if (!transfer.file->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+        delete transfer.file;
+        transfer.file = nullptr;
+        finish(transfer.index, &transfer);
+        return false;
+    }
+    m.indexCreatedFile(info.localPath);
+    transfer.outputFailed = false;
+
+    // Pictures come from a web server; a "file:", "qrc:" or "data:" address from the catalogue
+    // would copy local data into the cache, so it fails like a request that could not be made.
+    // So does every picture once a shared network manager has gone.
+    const QUrl url(info.url);
+    if (network && isWebUrl(url)) {
+        if (!transfer.requested) {
+            transfer.requested = true;
+            transfer.plainHttpAllowed = url.scheme() == QLatin1String("http");
+            transfer.started.start();
+            if (deadlineMs > 0)
+                transfer.deadline.start(deadlineMs);
+        }
+        transfer.received = 0;
+        QNetworkRequest request(url);
+        request.setTransferTimeout(kelo_limits::PictureIdleTimeoutMs);
+        // Per request: a shared manager keeps its own policy for everything else.
+        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                             QNetworkRequest::ManualRedirectPolicy);
+        if (http2) {
+            request.setAttribute(QNetworkRequest::Http2AllowedAttribute, true);
+            // Qt 5.15 grants a server 64 KiB per connection and stream: over a link with a long
+            // round trip, several pictures on one connection would wait on it.
+            QHttp2Configuration windows;
+            windows.setSessionReceiveWindowSize(kelo_limits::PictureHttp2SessionWindowBytes);
+            windows.setStreamReceiveWindowSize(kelo_limits::PictureHttp2StreamWindowBytes);
+            request.setHttp2Configuration(windows);
+        } else {
+            kelo_compat::http1Only(request);
+        }
+        transfer.reply = network->get(request);
+    }
+    if (!transfer.reply) {
+        releaseFile(transfer, false);
+        finish(transfer.index, &transfer);
+        return false;
+    }
+    transfer.waiting = true;
+    // An announced length over the cap ends the picture before any byte of it is written.
+    connect(transfer.reply, SIGNAL(metaDataChanged()), &m, SLOT(HttpReadyRead()));
+    connect(transfer.reply, SIGNAL(readyRead()), &m, SLOT(HttpReadyRead()));
+    connect(transfer.reply, SIGNAL(finished()), &m, SLOT(HttpDownloadFinished()));
+    return true;
+}
+
+void CDownloadFileMan::PictureRun::readyRead(PictureTransfer& transfer)
+{
+    // outputFailed: the answer was given up, or a write failed; the rest of it is not written.
+    QNetworkReply* reply = transfer.reply;
+    if (!reply || !transfer.file || transfer.outputFailed)
+        return;
+    if (capBytes > 0) {
+        // Announced, or counted as it comes (a chunked answer announces nothing).
+        bool known = false;
+        const qint64 announced = reply->rawHeader("Content-Length").trimmed().toLongLong(&known);
+        if (known && announced > capBytes) {
+            giveUp(transfer, " announces more bytes than the cap");
+            return;
+        }
+        if (transfer.received + reply->bytesAvailable() > capBytes) {
+            giveUp(transfer, " is longer than the cap");
+            return;
+        }
+    }
+    const QByteArray chunk = reply->readAll();
+    transfer.received += chunk.size();
+    if (transfer.file->write(chunk) != chunk.size())
+        transfer.outputFailed = true;
+}
+
+void CDownloadFileMan::PictureRun::finished(PictureTransfer& transfer)
+{
+    QNetworkReply* reply = transfer.reply;
+    if (!reply || !transfer.waiting)
+        return;
+    readyRead(transfer);
+    transfer.waiting = false;
+    if (transfer.file && !transfer.file->flush())
+        transfer.outputFailed = true;
+
+    const QVariant target = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
+    bool redirected = target.isValid();
+    // A picture cut short, given up or not fully written counts as a failed download.
+    bool failed = reply->error() != QNetworkReply::NoError || transfer.outputFailed ||
+                  !transfer.file;
+    tagDownFileInfo& info = manager.fileList[transfer.index];
+    if (!failed && redirected) {
+        // A bounded number of hops, never from https down to plain http.
+        const QUrl to = target.toUrl();
+        if (++transfer.redirects > kelo_limits::MaxPictureRedirects) {
+            failed = true;
+            manager.logImage(info, " was redirected too often ==> given up");
+        } else if (!isAllowedRedirect(to, transfer.plainHttpAllowed)) {
+            failed = true;
+            manager.logImage(info, " was redirected to a less safe address ==> given up");
+        } else {
+            // The target is taken as it stands, not resolved against the old address.
+            info.url = to.toString();
+        }
+    }
+    redirected = redirected && !failed;
+    // The picture stays open until it is stamped (finish).
+    const bool ready = !failed && !redirected;
+    info.fileReady = ready;
+    if (!ready)
+        releaseFile(transfer, false);
+    reply->deleteLater();
+    transfer.reply = nullptr;
+
+    // The same entry is fetched again from its new address, from the event loop.
+    if (redirected) {
+        transfer.again = true;
+        emit manager.NotifyDownloadNextFile();
+    } else {
+        finish(transfer.index, &transfer);
+    }
+}
+
+void CDownloadFileMan::PictureRun::finish(int index, PictureTransfer* transfer)
+{
+    CDownloadFileMan& m = manager;
+    if (index < 0 || index >= m.fileList.size())
+        return;
+    m.currentIndex = index;
+    tagDownFileInfo& info = m.fileList[index];
+    if (info.fileReady) {
+        // The stamp is the last thing done to the file before it is closed, through the open
+        // file: nothing put at its name meanwhile can be stamped in its place.
+        if (transfer && transfer->file) {
+            if (info.stamp != 0)
+                kelo_picture::stampOpenFile(*transfer->file, info.stamp);
+            releaseFile(*transfer, true);
+        } else if (info.stamp != 0 && m.isCacheFilePath(info.localPath)) {
+            stampCachedFile(info.localPath, info.stamp);
+        }
+        const bool known = cached.contains(m.cachedIds, info.id);
+        if (!m.firstRun && known) {
+            info.useCache = false;
+            m.logImage(info, " was modified ==> no use cache");
+            if (!modified.contains(m.modifiedIds, info.id))
+                modified.append(m.modifiedIds, info.id);
+        } else {
+            info.useCache = true;
+            if (!known)
+                cached.append(m.cachedIds, info.id);
+            m.logImage(info,
+                       m.firstRun ? " is added first ==> use cache" : " is added new ==> use cache");
+        }
+    } else if (transfer) {
+        releaseFile(*transfer, false);
+    }
+    m.currentIndex = index + 1;
+    if (transfer) {
+        retire(*transfer);
+        ++ended;
+        if (ended < m.fileList.size())
+            emit m.NotifyDownloadNextFile();
+        else
+            step();
+        return;
+    }
+    // An entry ended by the host itself, outside the run's bookkeeping.
+    if (m.currentIndex < m.fileList.size())
+        emit m.NotifyDownloadNextFile();
+    else
+        emit m.NotifyDownloadDone();
+}
+
+void CDownloadFileMan::PictureRun::step()
+{
+    // Once per run, however many steps were queued when the last entry ended.
+    if (doneSignalled)
+        return;
+    doneSignalled = true;
+    emit manager.NotifyDownloadDone();
+}
+
+void CDownloadFileMan::PictureRun::retire(PictureTransfer& transfer)
+{
+    // Not freed at once: this may run inside the transfer's own deadline timer or its reply's
+    // signal. It waits for the next step from the event loop (or the end of the run).
+    transfer.deadline.stop();
+    for (auto it = active.begin(); it != active.end(); ++it) {
+        if (it->get() == &transfer) {
+            retired.push_back(std::move(*it));
+            active.erase(it);
+            return;
+        }
+    }
+}
+
+void CDownloadFileMan::PictureRun::giveUp(PictureTransfer& transfer, const char* why)
+{
+    // The answer in flight, if any, ends as failed: the partial file goes, the placeholder shows.
+    if (!transfer.reply || !transfer.waiting)
+        return;
+    manager.logImage(manager.fileList.at(transfer.index),
+                     (QByteArray(why) + " ==> given up").constData());
+    transfer.outputFailed = true;
+    transfer.reply->abort();
+}
+
+void CDownloadFileMan::PictureRun::releaseFile(PictureTransfer& transfer, bool keep)
+{
+    if (!transfer.file)
+        return;
+    transfer.file->close();
+    if (!keep)
+        transfer.file->remove();
+    delete transfer.file;
+    transfer.file = nullptr;
+}
+
+void CDownloadFileMan::PictureRun::dropAll()
+{
+    // Every download is dropped unheard and every file being written goes.
+    for (auto& transfer : active) {
+        transfer->deadline.stop();
+        if (QNetworkReply* reply = transfer->reply) {
+            reply->disconnect(&manager);
+            delete reply;
+        }
+        releaseFile(*transfer, false);
+    }
+    active.clear();
+    retired.clear();
+    held.clear();
+    QObject::disconnect(networkGone);
+    running = false;
+}
+
+void CDownloadFileMan::PictureRun::sharedNetworkGone()
+{
+    // The shared manager has deleted its replies already, or is about to: every picture in
+    // flight fails now (its file goes, the placeholder shows), and each one still to fetch fails
+    // when its turn comes, for want of a manager.
+    network = nullptr;
+    std::vector<PictureTransfer*> failing;
+    for (const auto& transfer : active)
+        if (transfer->waiting)
+            failing.push_back(transfer.get());
+    for (PictureTransfer* transfer : failing) {
+        transfer->waiting = false;
+        if (QNetworkReply* reply = transfer->reply)
+            reply->disconnect(&manager);
+        transfer->reply = nullptr;
+        releaseFile(*transfer, false);
+        manager.fileList[transfer->index].fileReady = false;
+        finish(transfer->index, transfer);
+    }
+}
+
+// ---- the manager ---------------------------------------------------------------------------
 
 CDownloadFileMan::CDownloadFileMan(bool debug, QObject* parent) : QObject(parent), debug(debug)
 {
@@ -127,13 +592,9 @@ CDownloadFileMan::CDownloadFileMan(bool debug, QObject* parent) : QObject(parent
 CDownloadFileMan::~CDownloadFileMan()
 {
     // Normally DownloadDone has released everything. A manager destroyed in the middle of a run
-    // drops its download unheard and leaves no half-written picture behind; the network manager
-    // goes with the children.
-    if (reply) {
-        reply->disconnect(this);
-        delete reply;
-    }
-    releaseOutputFile(false);
+    // drops every download unheard and leaves no half-written picture behind; its own network
+    // manager goes with the children.
+    pictureRun()->dropAll();
 }
 
 void CDownloadFileMan::AddDownLoadFile(const tagDownFileInfo& info)
@@ -170,17 +631,22 @@ void CDownloadFileMan::Reset()
 
 void CDownloadFileMan::StartDownload()
 {
-    // A second start during a run would interleave two runs over one list and one output file;
-    // the run under way carries on and reports as usual.
-    if (networkManager)
+    // A second start during a run would interleave two runs over one list; the run under way
+    // carries on and reports as usual.
+    PictureRun* run = pictureRun();
+    if (run->running)
         return;
-    pictureRun()->end();
     currentIndex = 0;
     runPictureDirectory = pictureDirectory();
     runFolderIndex.clear();
     runFolderIndexed = false;
-    networkManager = new QNetworkAccessManager(this);
-    kelo_compat::manualRedirects(*networkManager);
+    QNetworkAccessManager* through = run->sharedNetwork;
+    if (!run->sharedSet) {
+        networkManager = new QNetworkAccessManager(this);
+        kelo_compat::manualRedirects(*networkManager);
+        through = networkManager;
+    }
+    run->begin(through, 0);
     DownloadNextFile();
 }
 
@@ -242,269 +708,122 @@ void CDownloadFileMan::indexCreatedFile(const QString& localPath)
 
 void CDownloadFileMan::DownloadNextFile()
 {
-    if (currentIndex >= fileList.size()) {
-        emit NotifyDownloadDone();
-        return;
-    }
-    releaseOutputFile(false);
-    if (reply) {
-        reply->disconnect(this);
-        delete reply;
-        reply = nullptr;
-    }
-
-    tagDownFileInfo& info = fileList[currentIndex];
-    // Back here after a redirect: the same entry, unless its whole time is up.
+    // Outside a run (a step queued before the run ended, or a call of the host's) there is
+    // nothing to do: NotifyComplete stays once per run.
     PictureRun* run = pictureRun();
-    if (run->index == currentIndex && run->expired(pictureDeadline())) {
-        info.fileReady = false;
-        DownloadOneFileFinish();
-        return;
-    }
-    // The file name comes from the server's "img_host", "img_path" and "item_id". Anything that
-    // would not land as a plain file directly in the cache folder fails here, before any file
-    // system call, and the dish shows the placeholder.
-    if (!isCacheFilePath(info.localPath)) {
-        info.fileReady = false;
-        DownloadOneFileFinish();
-        return;
-    }
-
-    if (IsFileCached()) {
-        info.fileReady = true;
-        if (!run->cached.contains(cachedIds, info.id))
-            run->cached.append(cachedIds, info.id);
-        info.useCache = !run->modified.contains(modifiedIds, info.id);
-        ++currentIndex;
-        emit NotifyDownloadNextFile();
-        return;
-    }
-
-    DeleteOldFiles();
-    info.fileReady = false;
-    if (!QDir().mkpath(QFileInfo(info.localPath).absolutePath()) ||
-        !isInsideCacheFolder(info.localPath)) {
-        DownloadOneFileFinish();
-        return;
-    }
-    // A link left at this name (the listing above skips dangling ones) is removed, never followed;
-    // NewOnly then creates the file afresh (O_EXCL), so nothing outside can be written through it.
-    if (QFileInfo(info.localPath).isSymLink())
-        QFile::remove(info.localPath);
-    outputFile = new QFile(info.localPath);
-    if (!outputFile->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-        delete outputFile;
-        outputFile = nullptr;
-        DownloadOneFileFinish();
-        return;
-    }
-    indexCreatedFile(info.localPath);
-    outputFailed = false;
-
-    // Pictures come from a web server; a "file:", "qrc:" or "data:" address from the catalogue
-    // would copy local data into the cache, so it fails like a request that could not be made.
-    const QUrl url(info.url);
-    if (networkManager && isWebUrl(url)) {
-        if (run->index != currentIndex)
-            run->begin(currentIndex, info.url, pictureDeadline());
-        run->received = 0;
-        QNetworkRequest request(url);
-        request.setTransferTimeout(kelo_limits::PictureIdleTimeoutMs);
-        kelo_compat::http1Only(request);
-        reply = networkManager->get(request);
-    }
-    if (!reply) {
-        releaseOutputFile(false);
-        DownloadOneFileFinish();
-        return;
-    }
-    // An announced length over the cap ends the picture before any byte of it is written.
-    connect(reply, &QNetworkReply::metaDataChanged, this, [this] { HttpReadyRead(); });
-    connect(reply, SIGNAL(readyRead()), this, SLOT(HttpReadyRead()));
-    connect(reply, SIGNAL(finished()), this, SLOT(HttpDownloadFinished()));
+    if (run->running)
+        run->fill();
 }
 
 void CDownloadFileMan::HttpReadyRead()
 {
-    // outputFailed: the answer was given up, or a write failed; the rest of it is not written.
-    if (!reply || !outputFile || outputFailed)
-        return;
     PictureRun* run = pictureRun();
-    const qint64 cap = maxFileSize();
-    if (cap > 0) {
-        // Announced, or counted as it comes (a chunked answer announces nothing).
-        bool known = false;
-        const qint64 announced = reply->rawHeader("Content-Length").trimmed().toLongLong(&known);
-        if (known && announced > cap) {
-            givePictureUp(" announces more bytes than the cap");
-            return;
-        }
-        if (run->received + reply->bytesAvailable() > cap) {
-            givePictureUp(" is longer than the cap");
-            return;
-        }
+    if (PictureTransfer* transfer = run->fromReply(sender())) {
+        currentIndex = transfer->index;
+        run->readyRead(*transfer);
     }
-    const QByteArray chunk = reply->readAll();
-    run->received += chunk.size();
-    if (outputFile->write(chunk) != chunk.size())
-        outputFailed = true;
 }
 
 void CDownloadFileMan::HttpDownloadFinished()
 {
-    if (!reply)
-        return;
-    HttpReadyRead();
-    if (outputFile && !outputFile->flush())
-        outputFailed = true;
-
-    const QVariant target = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
-    bool redirected = target.isValid();
-    // A picture cut short, given up or not fully written counts as a failed download.
-    bool failed = reply->error() != QNetworkReply::NoError || outputFailed || !outputFile;
-    tagDownFileInfo* info = currentRecord();
     PictureRun* run = pictureRun();
-    if (!failed && redirected) {
-        // A bounded number of hops, never from https down to plain http.
-        const QUrl to = target.toUrl();
-        if (++run->redirects > kelo_limits::MaxPictureRedirects) {
-            failed = true;
-            if (info)
-                logImage(*info, " was redirected too often ==> given up");
-        } else if (!isAllowedRedirect(to, run->plainHttpAllowed)) {
-            failed = true;
-            if (info)
-                logImage(*info, " was redirected to a less safe address ==> given up");
-        } else if (info) {
-            // The target is taken as it stands, not resolved against the old address.
-            info->url = to.toString();
-        }
+    if (PictureTransfer* transfer = run->fromReply(sender())) {
+        currentIndex = transfer->index;
+        run->finished(*transfer);
     }
-    redirected = redirected && !failed;
-    // The picture stays open until it is stamped (DownloadOneFileFinish).
-    const bool ready = !failed && !redirected && info;
-    if (info)
-        info->fileReady = ready;
-    if (!ready)
-        releaseOutputFile(false);
-    reply->deleteLater();
-    reply = nullptr;
-
-    // The same entry is fetched again from its new address, with the index unchanged.
-    if (redirected)
-        emit NotifyDownloadNextFile();
-    else
-        DownloadOneFileFinish();
 }
 
 void CDownloadFileMan::DownloadOneFileFinish()
 {
-    tagDownFileInfo* info = currentRecord();
-    if (!info)
-        return;
     PictureRun* run = pictureRun();
-    run->end();
-    if (info->fileReady) {
-        // The stamp is the last thing done to the file before it is closed, through the open
-        // file: nothing put at its name meanwhile can be stamped in its place.
-        if (outputFile) {
-            if (info->stamp != 0)
-                kelo_picture::stampOpenFile(*outputFile, info->stamp);
-            releaseOutputFile(true);
-        } else if (info->stamp != 0 && isCacheFilePath(info->localPath)) {
-            stampCachedFile(info->localPath, info->stamp);
-        }
-        const bool known = run->cached.contains(cachedIds, info->id);
-        if (!firstRun && known) {
-            info->useCache = false;
-            logImage(*info, " was modified ==> no use cache");
-            if (!run->modified.contains(modifiedIds, info->id))
-                run->modified.append(modifiedIds, info->id);
-        } else {
-            info->useCache = true;
-            if (!known)
-                run->cached.append(cachedIds, info->id);
-            logImage(*info,
-                     firstRun ? " is added first ==> use cache" : " is added new ==> use cache");
-        }
-    } else {
-        releaseOutputFile(false);
-    }
-    ++currentIndex;
-    if (currentIndex < fileList.size())
-        emit NotifyDownloadNextFile();
-    else
-        emit NotifyDownloadDone();
+    run->finish(currentIndex, run->find(currentIndex));
 }
 
 void CDownloadFileMan::DownloadDone()
 {
-    if (reply) {
-        reply->disconnect(this);
-        delete reply;
-        reply = nullptr;
-    }
-    releaseOutputFile(false);
-    pictureRun()->end();
+    PictureRun* run = pictureRun();
+    run->dropAll();
+    run->network = nullptr;
     delete networkManager;
     networkManager = nullptr;
     runPictureDirectory.clear();
     runFolderIndex.clear();
     runFolderIndexed = false;
+    currentIndex = fileList.size();
     firstRun = false;
     if (debug)
         qCDebug(kelo_log::catalogue, "Download complete");
     emit NotifyComplete(Libcmn::updateDataFoods(data, *this));
 }
 
-// Kept as a property, so that the class keeps the size and layout of 1.0.
-static constexpr char MaxFileSizeProperty[] = "_kelo_maxFileBytes";
+// ---- settings, kept beside the manager ------------------------------------------------------
 
 void CDownloadFileMan::setMaxFileSize(qint64 bytes)
 {
-    setProperty(MaxFileSizeProperty, bytes > 0 ? bytes : qint64(0));
+    pictureRun()->capBytes = bytes > 0 ? bytes : qint64(0);
 }
 
 qint64 CDownloadFileMan::maxFileSize() const
 {
-    const QVariant set = property(MaxFileSizeProperty);
-    return set.isValid() ? set.toLongLong() : kelo_limits::DefaultMaxPictureBytes;
+    return const_cast<CDownloadFileMan*>(this)->pictureRun()->capBytes;
 }
-
-// Kept as a property, like the cap.
-static constexpr char PictureDeadlineProperty[] = "_kelo_pictureDeadlineMs";
 
 void CDownloadFileMan::setPictureDeadline(int ms)
 {
-    setProperty(PictureDeadlineProperty, ms > 0 ? ms : 0);
+    pictureRun()->deadlineMs = ms > 0 ? ms : 0;
 }
 
 int CDownloadFileMan::pictureDeadline() const
 {
-    const QVariant set = property(PictureDeadlineProperty);
-    return set.isValid() ? set.toInt() : kelo_limits::PictureDeadlineMs;
+    return const_cast<CDownloadFileMan*>(this)->pictureRun()->deadlineMs;
+}
+
+void CDownloadFileMan::setMaxPicturesInFlight(int count)
+{
+    pictureRun()->maxInFlight = qBound(1, count, kelo_limits::MaxPicturesInFlight);
+}
+
+int CDownloadFileMan::maxPicturesInFlight() const
+{
+    return const_cast<CDownloadFileMan*>(this)->pictureRun()->maxInFlight;
+}
+
+void CDownloadFileMan::setNetworkAccessManager(QNetworkAccessManager* manager)
+{
+    PictureRun* run = pictureRun();
+    run->sharedSet = manager != nullptr;
+    run->sharedNetwork = manager;
+}
+
+QNetworkAccessManager* CDownloadFileMan::networkAccessManager() const
+{
+    return const_cast<CDownloadFileMan*>(this)->pictureRun()->sharedNetwork;
+}
+
+void CDownloadFileMan::setHttp2Allowed(bool allowed)
+{
+    pictureRun()->http2 = allowed;
+}
+
+bool CDownloadFileMan::http2Allowed() const
+{
+    return const_cast<CDownloadFileMan*>(this)->pictureRun()->http2;
 }
 
 CDownloadFileMan::PictureRun* CDownloadFileMan::pictureRun()
 {
-    static constexpr char RunProperty[] = "_kelo_pictureRun";
-    auto* run = static_cast<PictureRun*>(property(RunProperty).value<QObject*>());
-    if (!run) {
-        run = new PictureRun(this);
-        setProperty(RunProperty, QVariant::fromValue<QObject*>(run));
-    }
-    return run;
+    // Found among the children by its type: the manager's layout has no room for a pointer.
+    for (QObject* child : children())
+        if (auto* run = dynamic_cast<PictureRun*>(child))
+            return run;
+    return new PictureRun(this);
 }
 
 void CDownloadFileMan::givePictureUp(const char* why)
 {
-    // The answer in flight, if any, ends as failed: the partial file goes, the placeholder shows.
-    if (!reply)
-        return;
-    if (const tagDownFileInfo* info = currentRecord())
-        logImage(*info, (QByteArray(why) + " ==> given up").constData());
-    outputFailed = true;
-    reply->abort();
+    PictureRun* run = pictureRun();
+    if (PictureTransfer* transfer = run->find(currentIndex))
+        run->giveUp(*transfer, why);
 }
 
 void CDownloadFileMan::stampCachedFile(const QString& path, unsigned long long stampMs)
@@ -530,13 +849,9 @@ tagDownFileInfo* CDownloadFileMan::currentRecord()
 
 void CDownloadFileMan::releaseOutputFile(bool keep)
 {
-    if (!outputFile)
-        return;
-    outputFile->close();
-    if (!keep)
-        outputFile->remove();
-    delete outputFile;
-    outputFile = nullptr;
+    PictureRun* run = pictureRun();
+    if (PictureTransfer* transfer = run->find(currentIndex))
+        run->releaseFile(*transfer, keep);
 }
 
 void CDownloadFileMan::logImage(const tagDownFileInfo& info, const char* what) const

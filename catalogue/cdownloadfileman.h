@@ -26,11 +26,15 @@ struct tagDownFileInfo
 };
 
 /**
- * @brief Fetches the pictures of one menu into the picture cache, one file at a time.
+ * @brief Fetches the pictures of one menu into the picture cache, one file at a time or, when
+ * asked (setMaxPicturesInFlight()), several at once.
  *
  * A cached file is reused when its modification second equals the catalogue's stamp. When the
  * list is through, the menu is rewritten (Libcmn::updateDataFoods) and NotifyComplete() carries
- * it; NotifyComplete() is emitted once per run, whatever failed on the way.
+ * it; NotifyComplete() is emitted once per run, whatever failed on the way. The menu it carries
+ * does not depend on how many pictures were in flight nor on the order in which they arrived:
+ * pictures of one dish (the same id, or the same "<id>.*" file name) are never fetched at the
+ * same time but one after the other, in catalogue order.
  */
 class KELO_EXPORT CDownloadFileMan : public QObject
 {
@@ -70,6 +74,29 @@ public:
     void setPictureDeadline(int ms);
     /// The deadline for each picture in ms; 0 means none.
     int pictureDeadline() const;
+    /// How many pictures may be in flight at once, from the next picture started on. The
+    /// default, 1, fetches them strictly one after the other in catalogue order. Values below 1
+    /// count as 1, values above 64 as 64. Over HTTP/1.1 a QNetworkAccessManager opens at most 6
+    /// connections to one server, so more than 6 only helps over HTTP/2.
+    void setMaxPicturesInFlight(int count);
+    /// How many pictures may be in flight at once.
+    int maxPicturesInFlight() const;
+    /**
+     * Fetches the pictures through @p manager instead of a manager of its own made for each
+     * run; nullptr goes back to that. Takes effect at the next StartDownload(). @p manager is
+     * not owned and may be deleted at any time: the pictures in flight then fail (placeholder,
+     * no file left) and so does every picture still to fetch in that run. Redirects are still
+     * followed by this object (each request asks for manual redirects), whatever the manager's
+     * own redirect policy is.
+     */
+    void setNetworkAccessManager(QNetworkAccessManager* manager);
+    /// The manager set with setNetworkAccessManager(), or nullptr (also once it is gone).
+    QNetworkAccessManager* networkAccessManager() const;
+    /// Lets the pictures' requests use HTTP/2 where the server offers it (over TLS), with
+    /// receive windows large enough for several pictures at once; off by default (HTTP/1.1).
+    void setHttp2Allowed(bool allowed);
+    /// Whether the pictures' requests may use HTTP/2.
+    bool http2Allowed() const;
 
 Q_SIGNALS:
     /// Queued step to the next entry.
@@ -89,15 +116,19 @@ private:
     QList<tagDownFileInfo> fileList;
     QList<int> cachedIds;
     QList<int> modifiedIds;
+    /// The entry being worked on (the public steps act on it); the list's size after a run.
     int currentIndex = 0;
+    /// Unused since each picture in flight has its own file and reply (PictureRun); kept, null,
+    /// for the layout.
     QFile* outputFile = nullptr;
     QNetworkReply* reply = nullptr;
+    /// The run's own manager (none when a shared one is set), from StartDownload to DownloadDone.
     QNetworkAccessManager* networkManager = nullptr;
     QString data;
     bool firstRun = true;
     bool debug;
 
-    /// Set when writing the current picture failed; the entry then ends like a network error.
+    /// Unused (each picture in flight has its own flag); kept for the layout.
     bool outputFailed = false;
 
     /// The picture directory, looked up once per run (empty outside a run).
@@ -137,7 +168,8 @@ private:
     /// isCacheFilePath(), plus: the existing images folder resolves to itself (no symlink out).
     bool isInsideCacheFolder(const QString& localPath) const;
 
-    /// The state of the picture being fetched (redirects, bytes, deadline), in a child object.
+    /// The state of a run and of each picture in flight (redirects, bytes, deadline, file,
+    /// reply), and this object's settings, in a child object.
     class PictureRun;
     PictureRun* pictureRun();
     /// Ends the answer in flight as a failed download (too large, or out of time); @p why goes

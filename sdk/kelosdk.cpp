@@ -163,6 +163,16 @@ qint64 Kelosdk::maxPictureSize() const
     return d->maxPictureBytes;
 }
 
+void Kelosdk::setMaxPicturesInFlight(int count)
+{
+    d->picturesInFlight = qBound(1, count, kelo_limits::MaxPicturesInFlight);
+}
+
+int Kelosdk::maxPicturesInFlight() const
+{
+    return d->picturesInFlight;
+}
+
 void Kelosdk::setMaxNotificationSize(qint64 bytes)
 {
     d->maxNotificationBytes = bytes;
@@ -337,6 +347,8 @@ void Kelosdk::onFoodsReadyDownload(const QVariant& data)
     d->settle(sender());
     auto* manager = new CDownloadFileMan(debugLog, nullptr);
     manager->setMaxFileSize(d->maxPictureBytes);
+    manager->setMaxPicturesInFlight(d->picturesInFlight);
+    manager->setHttp2Allowed(kelo_limits::SdkPicturesOverHttp2);
     // Should this object go first, or the host give up, the run is abandoned with the rest.
     d->track(manager);
     connect(manager, &CDownloadFileMan::NotifyComplete, this, [this, manager](const QString& text) {

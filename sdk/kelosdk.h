@@ -67,6 +67,14 @@ public:
     qint64 maxNotificationSize() const;
     /** @} */
 
+    /// How many of a menu's pictures are fetched at once, for the menus requested afterwards;
+    /// values below 1 count as 1 (one after the other, in catalogue order), above 64 as 64.
+    /// The default is 6. The menu that foodsRequestDone() carries is the same whatever the
+    /// setting; pictures of one dish are never fetched at the same time.
+    void setMaxPicturesInFlight(int count);
+    /// How many of a menu's pictures are fetched at once.
+    int maxPicturesInFlight() const;
+
 Q_SIGNALS:
     /// The notification channel connected (true) or is down (false; repeated every 3 s).
     void cloudConnectionChange(bool connected);

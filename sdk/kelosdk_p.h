@@ -90,6 +90,7 @@ public:
     qint64 maxReplyBytes = kelo_limits::DefaultMaxReplyBytes;
     qint64 maxPictureBytes = kelo_limits::DefaultMaxPictureBytes;
     qint64 maxNotificationBytes = kelo_limits::DefaultMaxNotificationBytes;
+    int picturesInFlight = kelo_limits::DefaultSdkPicturesInFlight;
 
     /// Takes @p kind's busy bit, true; or, if a request of the kind is already out, emits the
     /// kind's refusal (keloappError) and returns false.
