@@ -1,6 +1,7 @@
 #include "link.h"
 
 #include "benchsupport.h"
+#include "cdownloadfileman.h"
 #include "devca.h"
 #include "kelosdk.h"
 #include "libcmn.h"
@@ -36,8 +37,8 @@ constexpr int WarmRuns = 7;
 constexpr int SyncTimeoutMs = 10 * 60 * 1000;
 /// Longest the channel may take to come up, to notice an outage, or to come back.
 constexpr int ChannelTimeoutMs = 90 * 1000;
-/// The SDK's own number of pictures in flight, restored after the one-at-a-time figure.
-constexpr int DefaultPicturesInFlight = 6;
+/// Pictures in flight for the HTTP/2 row beyond Qt's 6 connections per host over HTTP/1.1.
+constexpr int ManyPicturesInFlight = 16;
 
 /// The lab's link profiles as the wire plays them: round trip, and bandwidth each way.
 struct LinkProfile
@@ -79,6 +80,15 @@ struct HasPicturesInFlight<
     S, std::void_t<decltype(std::declval<S&>().setMaxPicturesInFlight(1))>> : std::true_type
 {
 };
+
+template <typename S>
+int picturesInFlight(const S& sdk)
+{
+    if constexpr (HasPicturesInFlight<S>::value)
+        return sdk.maxPicturesInFlight();
+    else
+        return 1;
+}
 
 template <typename S>
 bool setPicturesInFlight(S& sdk, int n)
@@ -124,6 +134,8 @@ struct Lab
     QString wire;
     QString wireCtl;
     QString merchant;
+    QString picturesH1; ///< the picture server's base URL without HTTP/2, if the lab has one
+    QString picturesH2; ///< the same pictures from a server that offers HTTP/2
 
     bool read()
     {
@@ -132,6 +144,8 @@ struct Lab
         wire = QString::fromLocal8Bit(qgetenv("KELO_LAB_WIRE"));
         wireCtl = QString::fromLocal8Bit(qgetenv("KELO_LAB_WIRE_CTL"));
         merchant = QString::fromLocal8Bit(qgetenv("KELO_LAB_MERCHANT"));
+        picturesH1 = QString::fromLocal8Bit(qgetenv("KELO_LAB_PICTURES_H1"));
+        picturesH2 = QString::fromLocal8Bit(qgetenv("KELO_LAB_PICTURES_H2"));
         if (merchant.isEmpty())
             merchant = QString::fromLatin1(Merchant);
         return !api.isEmpty() && !ca.isEmpty();
@@ -176,6 +190,7 @@ public:
     LinkRow oneRequest();
     QList<LinkRow> coldSync(int runs);
     LinkRow warmSync();
+    QList<LinkRow> pictureProtocols(int runs);
     QList<LinkRow> outage(int seconds);
 
 private:
@@ -184,6 +199,7 @@ private:
     double sdkFoods(QString* menu);
     double handGet(const QUrl& url, QByteArray* body = nullptr);
     double handFoods(qint64* bytes, int* pictures);
+    double managerPictures(const QString& menu, bool http2, int inFlight);
     static QString pictureDir();
 
     const Lab& lab;
@@ -371,7 +387,8 @@ double LinkBench::handFoods(qint64* bytes, int* pictures)
 QList<LinkRow> LinkBench::coldSync(int runs)
 {
     int dishes = 0;
-    const bool hasInFlight = setPicturesInFlight(*sdk, 1);
+    const int defaultInFlight = picturesInFlight(*sdk);
+    const bool hasInFlight = setPicturesInFlight(*sdk, defaultInFlight);
     std::vector<double> sdkDefault, sdkOne, byHand;
     qint64 bytes = 0;
     QStringList problems;
@@ -391,7 +408,7 @@ QList<LinkRow> LinkBench::coldSync(int runs)
         if (hasInFlight) {
             setPicturesInFlight(*sdk, 1);
             sdkCold(sdkOne);
-            setPicturesInFlight(*sdk, DefaultPicturesInFlight);
+            setPicturesInFlight(*sdk, defaultInFlight);
         }
         sdkCold(sdkDefault);
     }
@@ -407,7 +424,8 @@ QList<LinkRow> LinkBench::coldSync(int runs)
     main.note = QStringLiteral("median of %1, %2 bytes; SDK %3")
                     .arg(runs)
                     .arg(bytes)
-                    .arg(hasInFlight ? QStringLiteral("default pictures in flight")
+                    .arg(hasInFlight ? QStringLiteral("%1 pictures in flight (its default)")
+                                           .arg(defaultInFlight)
                                      : QStringLiteral("one picture at a time"));
     if (!problems.isEmpty()) {
         problems.removeDuplicates();
@@ -446,6 +464,81 @@ LinkRow LinkBench::warmSync()
     r.goalRatio = 1.15;
     r.note = QStringLiteral("median of %1").arg(WarmRuns);
     return r;
+}
+
+/// The picture manager alone on @p menu (its "img_host" already set), the cache emptied first:
+/// StartDownload() to NotifyComplete(); -1 if a picture fell back to the placeholder.
+double LinkBench::managerPictures(const QString& menu, bool http2, int inFlight)
+{
+    QDir(pictureDir()).removeRecursively();
+    CDownloadFileMan manager(false, nullptr);
+    manager.setMaxPicturesInFlight(inFlight);
+    manager.setHttp2Allowed(http2);
+    QString result;
+    QObject::connect(&manager, &CDownloadFileMan::NotifyComplete,
+                     [&](const QString& text) { result = text; });
+    unsigned long long lastUpdate = 0;
+    const auto start = Clock::now();
+    Libcmn::parseDataFoods(menu, manager, lastUpdate);
+    manager.SetData(menu);
+    manager.StartDownload();
+    if (!waitFor([&] { return !result.isEmpty(); }, SyncTimeoutMs))
+        std::fprintf(stderr, "bench --link: the picture manager did not finish\n");
+    const double ms = msSince(start);
+    if (result.isEmpty() || result.contains(QLatin1String("qrc:/icons"))) {
+        std::fprintf(stderr, "bench --link: the picture manager left placeholders (%s)\n",
+                     http2 ? "HTTP/2" : "HTTP/1.1");
+        return -1;
+    }
+    return ms;
+}
+
+/// The pictures of a cold sync over HTTP/1.1 and over HTTP/2, the picture manager alone (the
+/// SDK's own protocol is fixed when it is built): the menu is fetched once and its "img_host"
+/// pointed at the lab's picture server without and with HTTP/2.
+QList<LinkRow> LinkBench::pictureProtocols(int runs)
+{
+    QByteArray body;
+    handGet(lab.apiUrl("/kelo/api/item/", Libcmn::formatRequestFoods(lab.merchant)), &body);
+    QJsonObject reply = QJsonDocument::fromJson(body).object();
+    QJsonObject dt = reply.value("dt").toObject();
+    const QString own = dt.value("img_host").toString();
+    auto withHost = [&](const QString& host) {
+        dt.insert(QStringLiteral("img_host"), host.isEmpty() ? own : host);
+        reply.insert(QStringLiteral("dt"), dt);
+        return QString::fromUtf8(QJsonDocument(reply).toJson(QJsonDocument::Compact));
+    };
+    const QString h1 = withHost(lab.picturesH1), h2 = withHost(lab.picturesH2);
+    struct Variant
+    {
+        const char* name;
+        const QString& menu;
+        bool http2;
+        int inFlight;
+        std::vector<double> ms;
+    };
+    const int six = 6;
+    Variant variants[] = {{"HTTP/1.1, 6 in flight", h1, false, six, {}},
+                          {"HTTP/2, 6 in flight", h2, true, six, {}},
+                          {"HTTP/2, 16 in flight", h2, true, ManyPicturesInFlight, {}}};
+    for (int i = 0; i < runs; ++i)
+        for (Variant& v : variants) {
+            const double ms = managerPictures(v.menu, v.http2, v.inFlight);
+            if (ms >= 0)
+                v.ms.push_back(ms);
+        }
+    QList<LinkRow> rows;
+    for (const Variant& v : variants) {
+        LinkRow r;
+        r.figure = QStringLiteral("pictures alone, %1").arg(QLatin1String(v.name));
+        r.sdk = v.ms.empty() ? -1 : median(v.ms);
+        r.note = QStringLiteral("median of %1 (picture manager, %2)")
+                     .arg(v.ms.size())
+                     .arg(v.http2 ? (lab.picturesH2.isEmpty() ? own : lab.picturesH2)
+                                  : (lab.picturesH1.isEmpty() ? own : lab.picturesH1));
+        rows << r;
+    }
+    return rows;
 }
 
 /// A silent outage: the wire drops everything for @p seconds. Time from its start to
@@ -596,6 +689,10 @@ int linkMode(const QString& profileName, int dishes, const QStringList& what, co
     if (wanted("warm")) {
         phase("warm menu sync");
         rows << bench.warmSync();
+    }
+    if (wanted("pictures")) {
+        phase("pictures over HTTP/1.1 and HTTP/2");
+        rows << bench.pictureProtocols(coldRuns);
     }
     if (wanted("outage")) {
         phase("silent outage");
