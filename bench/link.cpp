@@ -71,18 +71,16 @@ double linkLimitMs(const LinkProfile& p, double bytes)
 
 // The SDK's picture settings where this build has them: the number of pictures fetched at once,
 // and HTTP/2 for pictures. Older builds fetch one at a time over HTTP/1.1.
-template <typename S, typename = void>
-struct HasPicturesInFlight : std::false_type
+template <typename S, typename = void> struct HasPicturesInFlight : std::false_type
 {
 };
 template <typename S>
-struct HasPicturesInFlight<
-    S, std::void_t<decltype(std::declval<S&>().setMaxPicturesInFlight(1))>> : std::true_type
+struct HasPicturesInFlight<S, std::void_t<decltype(std::declval<S&>().setMaxPicturesInFlight(1))>>
+    : std::true_type
 {
 };
 
-template <typename S>
-int picturesInFlight(const S& sdk)
+template <typename S> int picturesInFlight(const S& sdk)
 {
     if constexpr (HasPicturesInFlight<S>::value)
         return sdk.maxPicturesInFlight();
@@ -90,8 +88,7 @@ int picturesInFlight(const S& sdk)
         return 1;
 }
 
-template <typename S>
-bool setPicturesInFlight(S& sdk, int n)
+template <typename S> bool setPicturesInFlight(S& sdk, int n)
 {
     if constexpr (HasPicturesInFlight<S>::value) {
         sdk.setMaxPicturesInFlight(n);
@@ -120,8 +117,8 @@ struct LinkRow
     QJsonObject toJson() const
     {
         auto value = [](double v) { return v < 0 ? QJsonValue() : QJsonValue(v); };
-        return {{"figure", figure}, {"unit", unit},         {"sdk", value(sdk)},
-                {"hand", value(hand)}, {"limit", value(limit)}, {"against", against},
+        return {{"figure", figure},        {"unit", unit},          {"sdk", value(sdk)},
+                {"hand", value(hand)},     {"limit", value(limit)}, {"against", against},
                 {"goal_ratio", goalRatio}, {"note", note}};
     }
 };
@@ -341,8 +338,7 @@ double LinkBench::sdkFoods(QString* menu)
 double LinkBench::handFoods(qint64* bytes, int* pictures)
 {
     QTemporaryDir dir;
-    const QUrl menuUrl =
-        lab.apiUrl("/kelo/api/item/", Libcmn::formatRequestFoods(lab.merchant));
+    const QUrl menuUrl = lab.apiUrl("/kelo/api/item/", Libcmn::formatRequestFoods(lab.merchant));
     const auto start = Clock::now();
     QByteArray body;
     handGet(menuUrl, &body);
@@ -352,7 +348,8 @@ double LinkBench::handFoods(qint64* bytes, int* pictures)
     int left = 0, failed = 0;
     for (const QJsonValue& item : dt.value("items").toArray()) {
         const QJsonObject o = item.toObject();
-        QNetworkReply* reply = hand.get(QNetworkRequest(QUrl(host + o.value("img_path").toString())));
+        QNetworkReply* reply =
+            hand.get(QNetworkRequest(QUrl(host + o.value("img_path").toString())));
         const QString file = dir.filePath(QString::number(o.value("item_id").toInt()));
         ++left;
         QObject::connect(reply, &QNetworkReply::finished, [&, reply, file] {
@@ -421,12 +418,13 @@ QList<LinkRow> LinkBench::coldSync(int runs)
     main.limit = linkLimitMs(profile, double(bytes));
     main.against = QStringLiteral("limit");
     main.goalRatio = QLatin1String(profile.name) == QLatin1String("4g") ? 1.15 : 1.3;
-    main.note = QStringLiteral("median of %1, %2 bytes; SDK %3")
-                    .arg(runs)
-                    .arg(bytes)
-                    .arg(hasInFlight ? QStringLiteral("%1 pictures in flight (its default)")
-                                           .arg(defaultInFlight)
-                                     : QStringLiteral("one picture at a time"));
+    main.note =
+        QStringLiteral("median of %1, %2 bytes; SDK %3")
+            .arg(runs)
+            .arg(bytes)
+            .arg(hasInFlight
+                     ? QStringLiteral("%1 pictures in flight (its default)").arg(defaultInFlight)
+                     : QStringLiteral("one picture at a time"));
     if (!problems.isEmpty()) {
         problems.removeDuplicates();
         main.note += QStringLiteral("; ") + problems.join(QStringLiteral(", "));
@@ -446,8 +444,7 @@ QList<LinkRow> LinkBench::coldSync(int runs)
 /// Every picture cached: the SDK's sync against one GET of the menu on the shared manager.
 LinkRow LinkBench::warmSync()
 {
-    const QUrl menuUrl =
-        lab.apiUrl("/kelo/api/item/", Libcmn::formatRequestFoods(lab.merchant));
+    const QUrl menuUrl = lab.apiUrl("/kelo/api/item/", Libcmn::formatRequestFoods(lab.merchant));
     sdkFoods(nullptr); // fills the cache if a cold figure did not
     handGet(menuUrl);
     std::vector<double> s, h;
@@ -611,13 +608,12 @@ QString ratio(const QJsonValue& a, const QJsonValue& b)
 void printRun(const QJsonObject& run)
 {
     std::printf("\n%s, %s ms RTT, %s/%s Mbit/s down/up, %d dishes, %s\n",
-                qPrintable(run.value("profile").toString()), qPrintable(number(run.value("rtt_ms"))),
-                qPrintable(number(run.value("down_mbit"))),
+                qPrintable(run.value("profile").toString()),
+                qPrintable(number(run.value("rtt_ms"))), qPrintable(number(run.value("down_mbit"))),
                 qPrintable(number(run.value("up_mbit"))), run.value("dishes").toInt(),
                 qPrintable(run.value("when").toString()));
     const char* fmt = "  %-46s %9s %9s %6s %9s %6s  %-16s %s\n";
-    std::printf(fmt, "figure [ms]", "SDK", "by hand", "/hand", "link", "/link", "goal",
-                "verdict");
+    std::printf(fmt, "figure [ms]", "SDK", "by hand", "/hand", "link", "/link", "goal", "verdict");
     for (const QJsonValue& value : run.value("rows").toArray()) {
         const QJsonObject r = value.toObject();
         const QString against = r.value("against").toString();
@@ -627,9 +623,9 @@ void printRun(const QJsonObject& run)
             goalText = QStringLiteral("/%1 <= %2").arg(against).arg(goal);
             const QJsonValue base = r.value(against);
             const QString rt = ratio(r.value("sdk"), base);
-            verdict = rt == QLatin1String("-")
-                          ? QStringLiteral("n/a")
-                          : (rt.toDouble() <= goal ? QStringLiteral("PASS") : QStringLiteral("MISS"));
+            verdict = rt == QLatin1String("-") ? QStringLiteral("n/a")
+                                               : (rt.toDouble() <= goal ? QStringLiteral("PASS")
+                                                                        : QStringLiteral("MISS"));
         }
         std::printf(fmt, qPrintable(r.value("figure").toString()),
                     qPrintable(number(r.value("sdk"))), qPrintable(number(r.value("hand"))),

@@ -10,8 +10,8 @@ namespace kelobench {
 
 /**
  * One lab run: reads KELO_LAB_API, KELO_LAB_CA, KELO_LAB_WIRE and KELO_LAB_WIRE_CTL, measures
- * the figures named in @p what ("request", "cold", "warm", "pictures", "channel", "outage"; empty: all),
- * prints them and merges them into the JSON file @p json under @p profile and @p dishes. 1 if
+ * the figures named in @p what ("request", "cold", "warm", "pictures", "channel", "outage"; empty:
+ * all), prints them and merges them into the JSON file @p json under @p profile and @p dishes. 1 if
  * the lab is not there or the SDK never connected.
  */
 int linkMode(const QString& profile, int dishes, const QStringList& what, const QString& json,

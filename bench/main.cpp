@@ -56,12 +56,11 @@ int main(int argc, char** argv)
         return scaleChild(option("--scale-size").toInt());
     if (args.contains(QStringLiteral("--link"))) {
         const QString what = option("--what");
-        return linkMode(option("--link"), option("--dishes").toInt(),
-                        what.isEmpty() ? QStringList() : what.split(QLatin1Char(',')),
-                        option("--json"),
-                        option("--cold-runs").isEmpty() ? 3 : option("--cold-runs").toInt(),
-                        option("--outage-seconds").isEmpty() ? 25
-                                                             : option("--outage-seconds").toInt());
+        return linkMode(
+            option("--link"), option("--dishes").toInt(),
+            what.isEmpty() ? QStringList() : what.split(QLatin1Char(',')), option("--json"),
+            option("--cold-runs").isEmpty() ? 3 : option("--cold-runs").toInt(),
+            option("--outage-seconds").isEmpty() ? 25 : option("--outage-seconds").toInt());
     }
     if (args.contains(QStringLiteral("--link-report")))
         return linkReport(option("--link-report"));

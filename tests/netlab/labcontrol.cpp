@@ -58,9 +58,9 @@ bool LabControl::wireCtl(const QStringList& args)
     ctl.start(wire, QStringList{QStringLiteral("ctl"), wireSocket} + args);
     if (!ctl.waitForFinished(kControlWaitMs) || ctl.exitStatus() != QProcess::NormalExit ||
         ctl.exitCode() != 0) {
-        error = QStringLiteral("kelo-wire ctl %1: %2")
-                    .arg(args.join(QLatin1Char(' ')),
-                         QString::fromLocal8Bit(ctl.readAll()).trimmed());
+        error =
+            QStringLiteral("kelo-wire ctl %1: %2")
+                .arg(args.join(QLatin1Char(' ')), QString::fromLocal8Bit(ctl.readAll()).trimmed());
         return false;
     }
     return true;
@@ -73,7 +73,8 @@ bool LabControl::setProfile(const QString& name)
 
 bool LabControl::blackhole(bool on)
 {
-    return wireCtl({QStringLiteral("blackhole"), on ? QStringLiteral("on") : QStringLiteral("off")});
+    return wireCtl(
+        {QStringLiteral("blackhole"), on ? QStringLiteral("on") : QStringLiteral("off")});
 }
 
 bool LabControl::restore()

@@ -128,10 +128,11 @@ void TestNetlab::everyKindEndsOnce_data()
     const QJsonArray items{QJsonObject{{"item_id", 1}, {"qty", 2}},
                            QJsonObject{{"item_id", 4}, {"qty", 1}}};
     // A waiter's day, each row on the day's one SDK object, in this order.
-    QTest::newRow("login") << Steps{
-        {[](Kelosdk& s) { s.userLogin(QStringLiteral("mai"), QStringLiteral("mai123"),
-                                      Kelosdk::waiter); },
-         "userLoginDone"}};
+    QTest::newRow("login") << Steps{{[](Kelosdk& s) {
+                                         s.userLogin(QStringLiteral("mai"),
+                                                     QStringLiteral("mai123"), Kelosdk::waiter);
+                                     },
+                                     "userLoginDone"}};
     QTest::newRow("menu") << Steps{{[](Kelosdk& s) { s.foodsRequest(); }, "foodsRequestDone"}};
     QTest::newRow("tables") << Steps{{[](Kelosdk& s) { s.tableRequest(); }, "tableRequestDone"}};
     QTest::newRow("order") << Steps{
@@ -139,18 +140,18 @@ void TestNetlab::everyKindEndsOnce_data()
              s.foodOrderRequest({{"table_id", 1}, {"amount", 160000}, {"items", items}});
          },
          "foodOrderRequestDone"}};
-    QTest::newRow("table foods")
-        << Steps{{[](Kelosdk& s) { s.tableFoodsRequest(1); }, "tableFoodsDone"}};
-    QTest::newRow("merge")
-        << Steps{{[](Kelosdk& s) { s.tableMergeRequest(1, 3); }, "tableMergeDone"}};
-    QTest::newRow("payment")
-        << Steps{{[](Kelosdk& s) { s.paymentRequest(3, 160000); }, "paymentDone"}};
-    QTest::newRow("invoice chain and cancel") << Steps{
-        {[](Kelosdk& s) {
-             s.tumipayRequest(150000, QStringLiteral("Table 3"), QStringLiteral("Bill"));
-         },
-         "tumiQRInvoiceCode"},
-        {[this](Kelosdk& s) { s.tumipayCancel(invoiceCode); }, "tumipayCancelDone"}};
+    QTest::newRow("table foods") << Steps{
+        {[](Kelosdk& s) { s.tableFoodsRequest(1); }, "tableFoodsDone"}};
+    QTest::newRow("merge") << Steps{
+        {[](Kelosdk& s) { s.tableMergeRequest(1, 3); }, "tableMergeDone"}};
+    QTest::newRow("payment") << Steps{
+        {[](Kelosdk& s) { s.paymentRequest(3, 160000); }, "paymentDone"}};
+    QTest::newRow("invoice chain and cancel")
+        << Steps{{[](Kelosdk& s) {
+                      s.tumipayRequest(150000, QStringLiteral("Table 3"), QStringLiteral("Bill"));
+                  },
+                  "tumiQRInvoiceCode"},
+                 {[this](Kelosdk& s) { s.tumipayCancel(invoiceCode); }, "tumipayCancelDone"}};
     QTest::newRow("logout") << Steps{{[](Kelosdk& s) { s.userLogout(); }, "userLogoutDone"}};
 }
 
