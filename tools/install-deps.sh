@@ -22,6 +22,9 @@ packages=(
     qml6-module-qttest
     # The benchmarks (run-bench.sh): instruction counts, and the plots of --scale.
     valgrind gnuplot-nox
+    # The network lab (tools/netlab/lab.sh): namespaces, nginx as the picture host (HTTP/2 and
+    # TLS), curl and ping for its self-test.
+    iproute2 nginx-light curl iputils-ping
 )
 packages+=("$@")
 

@@ -82,6 +82,7 @@ struct Books
     QList<QPair<QString, QString>> invoiceSessions; ///< devid, session
     QList<QPair<QString, QString>> wsSessions;      ///< session, devid
     QHash<QByteArray, QByteArray> pictures;         ///< path -> PNG, made on first request
+    int pictureBytes = 0; ///< every picture padded to this size; 0: as the PNG comes out
     int nextOrderId = 1;
     int nextInvoice = 1;
     int nextPayment = 1;

@@ -48,7 +48,16 @@ bool Engine::start(QString* error)
         dir = tempDir->path();
     }
     PemPair server;
-    if (!ca.open(dir, options.reuseCa, error) || !ca.issueServerCertificate(&server, error))
+    error_code addressError;
+    const auto address = net::ip::make_address_v4(listenAddress().toStdString(), addressError);
+    if (addressError) {
+        *error = QStringLiteral("invalid listen address: %1").arg(listenAddress());
+        return false;
+    }
+    bindAddress = address;
+    const QString extraIp = options.listenAddress.isEmpty() ? QString() : listenAddress();
+    if (!ca.open(dir, options.reuseCa, error) ||
+        !ca.issueServerCertificate(&server, error, extraIp))
         return false;
 
     tls = std::make_unique<ssl::context>(ssl::context::tls_server);
@@ -115,7 +124,7 @@ bool Engine::listen(QString* error)
 {
     error_code ec;
     acceptor.emplace(*io);
-    const tcp::endpoint endpoint(net::ip::address_v4::loopback(), port.load());
+    const tcp::endpoint endpoint(bindAddress, port.load());
     acceptor->open(endpoint.protocol(), ec);
     if (!ec)
         acceptor->set_option(net::socket_base::reuse_address(true), ec);
@@ -124,7 +133,8 @@ bool Engine::listen(QString* error)
     if (!ec)
         acceptor->listen(net::socket_base::max_listen_connections, ec);
     if (ec) {
-        *error = QStringLiteral("cannot listen on 127.0.0.1:%1: %2")
+        *error = QStringLiteral("cannot listen on %1:%2: %3")
+                     .arg(listenAddress())
                      .arg(port.load())
                      .arg(QString::fromStdString(ec.message()));
         acceptor.reset();
@@ -223,7 +233,14 @@ std::vector<std::shared_ptr<WsSession>> Engine::openSockets()
 
 QString Engine::imageBase() const
 {
-    return QStringLiteral("https://127.0.0.1:%1").arg(port);
+    if (!options.pictureHost.isEmpty())
+        return options.pictureHost;
+    return QStringLiteral("https://%1:%2").arg(listenAddress()).arg(port);
+}
+
+QString Engine::listenAddress() const
+{
+    return options.listenAddress.isEmpty() ? QStringLiteral("127.0.0.1") : options.listenAddress;
 }
 
 CloudExchange Engine::record(const Request& request)

@@ -109,12 +109,15 @@ public:
     void trackSocket(const std::shared_ptr<WsSession>& socket);
     std::vector<std::shared_ptr<WsSession>> openSockets();
     QString imageBase() const;
+    /// The address served on: the options' listenAddress, or "127.0.0.1".
+    QString listenAddress() const;
 
     CloudOptions options;
     CloudState state;
     QString keyError; ///< why the key of the options or the environment was refused
     std::unique_ptr<QTemporaryDir> tempDir;
     DevCa ca;
+    net::ip::address_v4 bindAddress = net::ip::address_v4::loopback();
 
     mutable std::mutex mutex;
     QList<CloudExchange> exchanges;

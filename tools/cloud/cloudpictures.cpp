@@ -16,7 +16,59 @@ namespace detail {
 // Pictures: a plate with a dish-coloured pattern, made from a digest of the dish, so the same
 // fixture always serves the same bytes and a new "img_crc" gives a new picture.
 
-QByteArray renderPicture(const Dish& dish)
+namespace {
+
+QByteArray encodePng(const QImage& image)
+{
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return png;
+}
+
+quint32 crc32(const QByteArray& data)
+{
+    quint32 crc = 0xffffffffu;
+    for (const char c : data) {
+        crc ^= quint8(c);
+        for (int k = 0; k < 8; ++k)
+            crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
+    }
+    return ~crc;
+}
+
+void appendBigEndian(QByteArray* out, quint32 v)
+{
+    out->append(char(v >> 24)).append(char(v >> 16)).append(char(v >> 8)).append(char(v));
+}
+
+// A PNG chunk is its length (4 bytes), type (4), data and CRC (4); IEND is the last 12 bytes.
+constexpr int chunkOverhead = 12;
+
+/// @p png grown to @p bytes by a private ancillary chunk "keLp" before IEND, which decoders skip;
+/// its data comes from @p seed, so that each dish's picture differs from the others.
+QByteArray padPng(const QByteArray& png, int bytes, const QByteArray& seed)
+{
+    const int fill = bytes - png.size() - chunkOverhead;
+    QByteArray chunk("keLp");
+    QByteArray block = seed;
+    chunk.reserve(fill + 4);
+    while (chunk.size() < fill + 4) {
+        block = QCryptographicHash::hash(block, QCryptographicHash::Sha256);
+        chunk.append(block.left(fill + 4 - chunk.size()));
+    }
+    QByteArray out = png.left(png.size() - chunkOverhead);
+    appendBigEndian(&out, quint32(fill));
+    out.append(chunk);
+    appendBigEndian(&out, crc32(chunk));
+    out.append(png.right(chunkOverhead));
+    return out;
+}
+
+} // namespace
+
+QByteArray renderPicture(const Dish& dish, int bytes)
 {
     const QByteArray seed = QCryptographicHash::hash(
         QStringLiteral("%1|%2|%3").arg(dish.id).arg(dish.name, dish.imgCrc).toUtf8(),
@@ -51,11 +103,17 @@ QByteArray renderPicture(const Dish& dish)
             line[x] = colour.rgb();
         }
     }
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return png;
+    if (bytes <= 0)
+        return encodePng(image);
+    // A picture of a given size: the largest drawing that leaves room for the padding chunk.
+    for (const int side : {size, 96, 64, 48, 32, 16}) {
+        const QByteArray png = encodePng(
+            side == size ? image
+                         : image.scaled(side, side, Qt::KeepAspectRatio, Qt::SmoothTransformation));
+        if (png.size() + chunkOverhead <= bytes)
+            return padPng(png, bytes, seed);
+    }
+    return {};
 }
 
 } // namespace detail

@@ -62,7 +62,7 @@ quint16 CloudServer::port() const
 
 QString CloudServer::hostPort() const
 {
-    return QStringLiteral("127.0.0.1:%1").arg(d->port);
+    return QStringLiteral("%1:%2").arg(d->listenAddress()).arg(d->port);
 }
 
 QString CloudServer::caCertificatePath() const

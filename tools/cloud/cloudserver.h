@@ -95,6 +95,12 @@ struct CloudOptions
     /// The signing key (32 ASCII letters or digits); empty: the environment variable
     /// KELO_CLOUD_KEY if set, else the development key. A bad key makes start() fail.
     QByteArray secretKey;
+    /// The IPv4 address to listen on; empty: 127.0.0.1. The server certificate then names it
+    /// too, and the control routes are reachable there.
+    QString listenAddress;
+    /// The menu's "img_host" (e.g. "https://198.18.0.2:9443" for pictures served elsewhere);
+    /// empty: this server, "https://<address>:<port>".
+    QString pictureHost;
 };
 
 /**
@@ -108,13 +114,14 @@ public:
     explicit CloudServer(const CloudOptions& options = {});
     ~CloudServer();
 
-    /// Makes (or reuses) the CA and the server certificate, binds 127.0.0.1 and starts serving.
+    /// Makes (or reuses) the CA and the server certificate, binds 127.0.0.1 (or the options'
+    /// listenAddress) and starts serving.
     bool start(QString* error = nullptr);
     /// Stops serving and closes every connection.
     void stop();
 
     quint16 port() const;
-    /// "127.0.0.1:<port>", the value for KELO_SERVER_HOST.
+    /// "127.0.0.1:<port>" (or the listen address), the value for KELO_SERVER_HOST.
     QString hostPort() const;
     /// Path of the CA certificate (PEM) that clients must trust.
     QString caCertificatePath() const;

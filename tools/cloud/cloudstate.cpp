@@ -84,9 +84,63 @@ QByteArray CloudState::picture(const QByteArray& path) const
         return *cached;
     for (const detail::Dish& dish : qAsConst(books->fixture.menu)) {
         if (dish.imgPath.toUtf8() == path)
-            return books->pictures[path] = detail::renderPicture(dish);
+            return books->pictures[path] = detail::renderPicture(dish, books->pictureBytes);
     }
     return {};
+}
+
+QString CloudState::pictureSizeProblem(int bytes)
+{
+    if (bytes < detail::minPictureBytes || bytes > detail::maxPictureBytes)
+        return QStringLiteral("pictures must have %1 to %2 bytes (got %3)")
+            .arg(detail::minPictureBytes)
+            .arg(detail::maxPictureBytes)
+            .arg(bytes);
+    return {};
+}
+
+bool CloudState::setPictureBytes(int bytes, QString* error)
+{
+    if (bytes != 0 && !pictureSizeProblem(bytes).isEmpty()) {
+        *error = pictureSizeProblem(bytes);
+        return false;
+    }
+    QMutexLocker lock(&mutex);
+    books->pictures.clear();
+    books->pictureBytes = bytes;
+    return true;
+}
+
+bool CloudState::makeMenu(int dishes, QString* error)
+{
+    if (dishes < 0) {
+        *error = QStringLiteral("the number of dishes must not be negative (got %1)").arg(dishes);
+        return false;
+    }
+    QList<detail::Dish> menu;
+    for (int id = 1; id <= dishes; ++id) {
+        detail::Dish dish;
+        dish.id = id;
+        dish.name = QStringLiteral("Dish %1").arg(id);
+        dish.price = 20000 + 500 * (id % 40);
+        dish.imgPath = QStringLiteral("/pictures/dish-%1.png").arg(id);
+        dish.imgCrc = QStringLiteral("1700000000000");
+        menu.append(dish);
+    }
+    QMutexLocker lock(&mutex);
+    books->fixture.menu = menu;
+    books->fixture.lastUpdate = dishes > 0 ? 1700000000000 : 0;
+    books->pictures.clear();
+    return true;
+}
+
+QList<QByteArray> CloudState::picturePaths() const
+{
+    QMutexLocker lock(&mutex);
+    QList<QByteArray> paths;
+    for (const detail::Dish& dish : qAsConst(books->fixture.menu))
+        paths.append(dish.imgPath.toUtf8());
+    return paths;
 }
 
 bool CloudState::admitWebSocket(const QString& appuser, const QString& devid,

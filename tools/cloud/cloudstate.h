@@ -98,6 +98,20 @@ public:
     QByteArray picture(const QByteArray& path) const;
 
     /**
+     * Replaces the menu with @p dishes made-up dishes ("Dish 1" ...; pictures at
+     * "/pictures/dish-<id>.png"), keeping staff, tables and orders. False with @p error for a
+     * negative count.
+     */
+    bool makeMenu(int dishes, QString* error);
+    /// With @p bytes above 0, every picture is a PNG of exactly that size, distinct per dish;
+    /// 0: as the drawing comes out. False with @p error when pictureSizeProblem() objects.
+    bool setPictureBytes(int bytes, QString* error);
+    /// Why pictures of @p bytes cannot be made, or empty if they can.
+    static QString pictureSizeProblem(int bytes);
+    /// The "img_path" of every dish, in menu order.
+    QList<QByteArray> picturePaths() const;
+
+    /**
      * Whether a WebSocket connect with these query values is admitted: @p wsSession was issued
      * by "get_ws_session" to @p devid, @p appuser is the merchant code and @p tk is
      * sign(appuser + devid + wsSession).

@@ -28,8 +28,15 @@ QByteArray readBuiltInFixture();
 
 // ---- pictures (cloudpictures.cpp) ------------------------------------------------------------
 
-/// The PNG picture of @p dish, the same bytes for the same dish and "img_crc".
-QByteArray renderPicture(const Dish& dish);
+/// The PNG picture of @p dish, the same bytes for the same dish and "img_crc". With @p bytes
+/// above 0, exactly that many bytes (a smaller drawing and a private padding chunk, filled from
+/// the dish's digest); empty if even the smallest drawing does not fit.
+QByteArray renderPicture(const Dish& dish, int bytes = 0);
+/// The smallest picture size renderPicture() can reach (a 16 x 16 drawing and the padding).
+constexpr int minPictureBytes = 1024;
+/// The largest picture size the simulator makes: far above any menu picture, and every picture
+/// is held in memory once made.
+constexpr int maxPictureBytes = 16 * 1024 * 1024;
 
 // ---- routes (cloudroutes.cpp) ----------------------------------------------------------------
 

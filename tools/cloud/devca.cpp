@@ -191,7 +191,7 @@ bool DevCa::create(QString* error)
     return true;
 }
 
-bool DevCa::issueServerCertificate(PemPair* out, QString* error) const
+bool DevCa::issueServerCertificate(PemPair* out, QString* error, const QString& extraIp) const
 {
     Cert caCert = certFromPem(ca.certificate);
     Key caKey = keyFromPem(ca.key);
@@ -202,12 +202,14 @@ bool DevCa::issueServerCertificate(PemPair* out, QString* error) const
     }
     Cert cert = newCertificate(key.get(), "127.0.0.1", 365);
     X509_set_issuer_name(cert.get(), X509_get_subject_name(caCert.get()));
+    QByteArray names = "IP:127.0.0.1,DNS:localhost";
+    if (!extraIp.isEmpty() && extraIp != QLatin1String("127.0.0.1"))
+        names += ",IP:" + extraIp.toLatin1();
     const bool ok =
         addExtension(cert.get(), caCert.get(), NID_basic_constraints, "critical,CA:FALSE") &&
         addExtension(cert.get(), caCert.get(), NID_key_usage, "critical,digitalSignature") &&
         addExtension(cert.get(), caCert.get(), NID_ext_key_usage, "serverAuth") &&
-        addExtension(cert.get(), caCert.get(), NID_subject_alt_name,
-                     "IP:127.0.0.1,DNS:localhost") &&
+        addExtension(cert.get(), caCert.get(), NID_subject_alt_name, names.constData()) &&
         addExtension(cert.get(), caCert.get(), NID_subject_key_identifier, "hash") &&
         addExtension(cert.get(), caCert.get(), NID_authority_key_identifier, "keyid:always") &&
         X509_sign(cert.get(), caKey.get(), EVP_sha256()) > 0;

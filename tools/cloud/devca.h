@@ -26,8 +26,9 @@ public:
      */
     bool open(const QString& dir, bool reuse, QString* error);
 
-    /// A fresh server certificate (SAN IP:127.0.0.1, DNS:localhost) signed by this CA.
-    bool issueServerCertificate(PemPair* out, QString* error) const;
+    /// A fresh server certificate (SAN IP:127.0.0.1, DNS:localhost, and IP:@p extraIp when
+    /// given) signed by this CA.
+    bool issueServerCertificate(PemPair* out, QString* error, const QString& extraIp = {}) const;
 
     QString certificatePath() const { return certPath; }
     QByteArray certificatePem() const { return ca.certificate; }

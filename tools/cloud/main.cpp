@@ -1,5 +1,6 @@
 // kelo-cloud: the local cloud for integrators, serving the HTTPS API, pictures and the
-// notification WebSocket on 127.0.0.1 until SIGINT or SIGTERM, with its control routes.
+// notification WebSocket on 127.0.0.1 (or --listen ADDRESS) until SIGINT or SIGTERM, with its
+// control routes. The network lab (tools/netlab) runs it with a made-up menu of any size.
 #include "cloudcontrol.h"
 #include "cloudserver.h"
 
@@ -7,8 +8,12 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QHostAddress>
+#include <QSaveFile>
 #include <QSocketNotifier>
 #include <QTextStream>
+#include <QUrl>
 
 #include <csignal>
 #include <sys/socket.h>
@@ -29,6 +34,9 @@ struct Settings
     kelocloud::CloudOptions cloud;
     QString fixture;           ///< empty: the built-in one
     bool printFixture = false; ///< write the built-in fixture to stdout and quit
+    int dishes = -1;           ///< -1: the fixture's menu
+    int pictureBytes = 0;      ///< 0: pictures as drawn
+    QString exportDir;         ///< empty: no export
 };
 
 /// $XDG_DATA_HOME/kelo-cloud, or ~/.local/share/kelo-cloud: the CA stays the same across runs,
@@ -113,7 +121,33 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
                        "other users), else the development key, which is the default of "
                        "KELO_SECRET_KEY."),
         QStringLiteral("KEY"));
-    parser.addOptions({port, caDir, fixture, printFixture, key});
+    const QCommandLineOption listen(
+        QStringLiteral("listen"),
+        QStringLiteral("IPv4 address to listen on (default: 127.0.0.1). The server certificate "
+                       "then names that address too, and the control routes answer there."),
+        QStringLiteral("ADDRESS"));
+    const QCommandLineOption dishes(
+        QStringLiteral("dishes"),
+        QStringLiteral("Replace the fixture's menu with N made-up dishes (\"Dish 1\" ...), "
+                       "pictures at /pictures/dish-<id>.png."),
+        QStringLiteral("N"));
+    const QCommandLineOption pictureBytes(
+        QStringLiteral("picture-bytes"),
+        QStringLiteral("Make every picture a PNG of exactly B bytes (1 KiB to 16 MiB), distinct "
+                       "per dish."),
+        QStringLiteral("B"));
+    const QCommandLineOption pictureHost(
+        QStringLiteral("picture-host"),
+        QStringLiteral("The menu's \"img_host\", e.g. https://198.18.0.2:9443 when another "
+                       "server serves the pictures (default: this server)."),
+        QStringLiteral("URL"));
+    const QCommandLineOption exportPictures(
+        QStringLiteral("export-pictures"),
+        QStringLiteral("Write every picture of the menu under DIR at its img_path (for another "
+                       "web server to serve), then serve as usual."),
+        QStringLiteral("DIR"));
+    parser.addOptions({port, caDir, fixture, printFixture, key, listen, dishes, pictureBytes,
+                       pictureHost, exportPictures});
     if (!parser.parse(app.arguments())) {
         *error = parser.errorText();
         return Parsed::Failed;
@@ -137,6 +171,42 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
     settings->cloud.reuseCa = true;
     settings->fixture = parser.value(fixture);
     settings->printFixture = parser.isSet(printFixture);
+    if (parser.isSet(listen)) {
+        const QHostAddress address(parser.value(listen));
+        if (address.protocol() != QAbstractSocket::IPv4Protocol) {
+            *error = QStringLiteral("--listen: not an IPv4 address: %1").arg(parser.value(listen));
+            return Parsed::Failed;
+        }
+        settings->cloud.listenAddress = address.toString();
+    }
+    if (parser.isSet(dishes)) {
+        settings->dishes = parser.value(dishes).toInt(&ok);
+        if (!ok || settings->dishes < 0 || settings->dishes > 1000000) {
+            *error =
+                QStringLiteral("--dishes: expected 0 to 1000000, got %1").arg(parser.value(dishes));
+            return Parsed::Failed;
+        }
+    }
+    if (parser.isSet(pictureBytes)) {
+        settings->pictureBytes = parser.value(pictureBytes).toInt(&ok);
+        const QString problem = kelocloud::CloudState::pictureSizeProblem(settings->pictureBytes);
+        if (!ok || !problem.isEmpty()) {
+            *error = QStringLiteral("--picture-bytes: %1")
+                         .arg(ok ? problem : QStringLiteral("not a number"));
+            return Parsed::Failed;
+        }
+    }
+    if (parser.isSet(pictureHost)) {
+        const QUrl url(parser.value(pictureHost), QUrl::StrictMode);
+        if (!url.isValid() || url.scheme() != QLatin1String("https") || url.host().isEmpty() ||
+            !url.path().isEmpty() || url.hasQuery()) {
+            *error = QStringLiteral("--picture-host: expected https://host[:port], got %1")
+                         .arg(parser.value(pictureHost));
+            return Parsed::Failed;
+        }
+        settings->cloud.pictureHost = parser.value(pictureHost);
+    }
+    settings->exportDir = parser.value(exportPictures);
 
     // The key is never built into the tool: it comes from here at every start.
     const bool keyOption = parser.isSet(key);
@@ -152,6 +222,21 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
     settings->cloud.secretKey =
         keyValue.isEmpty() ? kelocloud::CloudState::developmentKey() : keyValue;
     return Parsed::Run;
+}
+
+/// Writes every picture of the menu to @p dir + its "img_path".
+bool exportPictures(const kelocloud::CloudState& state, const QString& dir, QString* error)
+{
+    for (const QByteArray& path : state.picturePaths()) {
+        const QString file = dir + QString::fromUtf8(path);
+        QSaveFile out(file);
+        if (!QDir().mkpath(QFileInfo(file).absolutePath()) || !out.open(QIODevice::WriteOnly) ||
+            out.write(state.picture(path)) <= 0 || !out.commit()) {
+            *error = QStringLiteral("cannot write %1").arg(file);
+            return false;
+        }
+    }
+    return true;
 }
 
 int signalPipe[2] = {-1, -1};
@@ -213,6 +298,20 @@ int main(int argc, char** argv)
     if (!settings.fixture.isEmpty() && !server.state().loadFixture(settings.fixture, &error)) {
         err << "kelo-cloud: cannot load the fixture: " << error << '\n';
         return 2;
+    }
+    if (settings.dishes >= 0 && !server.state().makeMenu(settings.dishes, &error)) {
+        err << "kelo-cloud: " << error << '\n';
+        return 2;
+    }
+    if (settings.pictureBytes > 0 &&
+        !server.state().setPictureBytes(settings.pictureBytes, &error)) {
+        err << "kelo-cloud: " << error << '\n';
+        return 2;
+    }
+    if (!settings.exportDir.isEmpty() &&
+        !exportPictures(server.state(), settings.exportDir, &error)) {
+        err << "kelo-cloud: " << error << '\n';
+        return 1;
     }
     kelocloud::CloudControl control(server);
     if (!server.start(&error)) {
