@@ -21,6 +21,8 @@ set(KELO_SOURCES
     http/httpparams.cpp
     http/qmyquery.cpp
     http/httptool.cpp
+    http/httppool.cpp
+    http/httppool_p.h
     ws/wsclient.cpp
     catalogue/cdownloadfileman.cpp
     catalogue/foodcatalogue.cpp

@@ -9,6 +9,7 @@
 // The one behavioural difference, what happens to a finished reply, is a parameter.
 
 #include "httpbase.h"
+#include "httppool_p.h"
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
 #include "keloqtcompat_p.h"
@@ -21,6 +22,14 @@
 #include <QUrl>
 
 namespace kelo_detail {
+
+/// Whether Qt may send a request's body again (when the connection closes before any byte of the
+/// answer); Never is for a request that must not reach the server twice (postOnce()).
+enum class Resend
+{
+    Allowed,
+    Never
+};
 
 /// What finished() does with the reply once it has emitted the outcome.
 enum class FinishedReply
@@ -64,25 +73,70 @@ template <class Owner> struct HttpRequest
         return request;
     }
 
+    // The object's link to a pool, if it was ever handed one (sendThrough()).
+    static PoolLink* linkOf(const Owner& owner)
+    {
+        return owner.manager.template findChild<PoolLink*>(QString(), Qt::FindDirectChildrenOnly);
+    }
+
+    // The pool while the object is handed one and the pool lives; else the object's own manager.
+    static QNetworkAccessManager& managerOf(Owner& owner)
+    {
+        const PoolLink* link = linkOf(owner);
+        return link && link->pool ? *link->pool : owner.manager;
+    }
+
+    static void setPool(Owner& owner, QNetworkAccessManager* pool)
+    {
+        PoolLink* link = linkOf(owner);
+        if (!link && !pool)
+            return;
+        if (!link)
+            link = new PoolLink(&owner.manager);
+        link->pool = pool;
+    }
+
     static QNetworkReply* get(Owner& owner)
     {
-        return owner.manager.get(owner.createRequest(CONTENT_NONE, HTTP_GET));
+        return managerOf(owner).get(owner.createRequest(CONTENT_NONE, HTTP_GET));
     }
 
     static QNetworkReply* post(Owner& owner)
     {
         const QByteArray body = owner.params.post();
-        return owner.manager.post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+        return managerOf(owner).post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+    }
+
+    // The whole of kelo_detail::postOnce().
+    static QNetworkReply* postOnce(Owner& owner)
+    {
+        // A connection kept alive may be closed by the server as idle at the very moment the
+        // request goes out: only a fresh one is sure to carry it (and then no more than once).
+        setPool(owner, nullptr);
+        owner.manager.clearConnectionCache();
+        return process(owner, HTTP_POST, nullptr, Resend::Never);
+    }
+
+    // Qt turns post()'s byte array into a QBuffer of the same bytes, so the request on the wire is
+    // the same; only the rewinding differs (OnceReadBody).
+    static QNetworkReply* postBodyOnce(Owner& owner)
+    {
+        auto* body = new OnceReadBody(owner.params.post());
+        QNetworkReply* reply =
+            managerOf(owner).post(owner.createRequest(CONTENT_FORM, HTTP_POST), body);
+        body->setParent(reply);
+        return reply;
     }
 
     static QNetworkReply* put(Owner& owner, QIODevice* iostream)
     {
         if (!iostream)
             return nullptr;
-        return owner.manager.put(owner.createRequest(CONTENT_NONE, HTTP_GET), iostream);
+        return managerOf(owner).put(owner.createRequest(CONTENT_NONE, HTTP_GET), iostream);
     }
 
-    static QNetworkReply* process(Owner& owner, HTTP_PROCESS processType, QIODevice* iostream)
+    static QNetworkReply* process(Owner& owner, HTTP_PROCESS processType, QIODevice* iostream,
+                                  Resend resend = Resend::Allowed)
     {
         // The stored URL plus the raw parameters, not the exact request sent: for reading only.
         if (owner.debug)
@@ -91,7 +145,7 @@ template <class Owner> struct HttpRequest
 
         switch (processType) {
         case HTTP_POST:
-            owner.reply = owner.post();
+            owner.reply = resend == Resend::Never ? postBodyOnce(owner) : owner.post();
             break;
         case HTTP_GET:
             owner.reply = owner.get();
@@ -107,6 +161,8 @@ template <class Owner> struct HttpRequest
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
         if (owner.reply)
             watchSize(owner, owner.reply, maxReplySize(owner));
+        if (PoolLink* link = linkOf(owner))
+            link->reply = owner.reply;
         return owner.reply;
     }
 
@@ -223,6 +279,12 @@ template <class Owner> struct HttpRequest
 
     static void cancel(Owner& owner)
     {
+        // A pool's reply may be gone with its pool: only a live one is aborted.
+        if (const PoolLink* link = linkOf(owner)) {
+            if (link->reply && link->reply.data() == owner.reply)
+                owner.reply->abort();
+            return;
+        }
         if (owner.reply)
             owner.reply->abort();
     }
@@ -231,9 +293,18 @@ template <class Owner> struct HttpRequest
     // the pointer dangles (owners normally delete the object from their handlers before that).
     // A reply still alive is still a child of our manager: only then is it deleted here, so an
     // object kept longer is not a double delete. The pointer is only compared, never followed.
+    // An object handed to a pool knows its last reply's fate from its link instead: deleted by
+    // HttpBase's deferred deletion or with the pool that owned it, or alive (and deleted here).
     static void destroy(Owner& owner)
     {
-        if (owner.reply && owner.manager.children().contains(owner.reply))
+        if (!owner.reply)
+            return;
+        if (const PoolLink* link = linkOf(owner)) {
+            if (link->reply && link->reply.data() == owner.reply)
+                delete owner.reply;
+            return;
+        }
+        if (owner.manager.children().contains(owner.reply))
             delete owner.reply;
     }
 };

@@ -3,6 +3,7 @@
 #include "cdownloadfileman.h"
 #include "httpbase.h"
 #include "httpbase2.h"
+#include "httppool_p.h"
 #include "kelo_config.h"
 #include "kelologging_p.h"
 #include "kelosdk_p.h"
@@ -70,6 +71,30 @@ bool KelosdkPrivate::busy(RequestKind kind) const
 
 // ---- what the object waits on ----------------------------------------------------------------
 
+KelosdkPrivate::KelosdkPrivate(Kelosdk* owner)
+    : q(owner), pool(std::make_unique<kelo_detail::SharedNetwork>())
+{
+}
+
+KelosdkPrivate::~KelosdkPrivate() = default;
+
+QNetworkAccessManager* KelosdkPrivate::network()
+{
+    return pool.get();
+}
+
+void KelosdkPrivate::trackRequest(HttpBase* request)
+{
+    kelo_detail::sendThrough(*request, network());
+    track(request);
+}
+
+void KelosdkPrivate::trackRequest(HttpBase2* request)
+{
+    kelo_detail::sendThrough(*request, network());
+    track(request);
+}
+
 void KelosdkPrivate::track(QObject* object)
 {
     inFlight.append(object);
@@ -127,6 +152,7 @@ Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool deb
     auto* client =
         new WSClient(notificationUrl, commonApiUrl, this->merchantId, clientUuid, false, nullptr);
     d->client = client;
+    kelo_detail::shareNetwork(*client, d->network());
     connect(client, SIGNAL(textMessageReceived(QString)), this, SLOT(wssNotify(QString)));
     connect(client, &WSClient::connected, this, [this] { emit cloudConnectionChange(true); });
     connect(client, &WSClient::closed, this, [this] { emit cloudConnectionChange(false); });
@@ -241,7 +267,7 @@ void Kelosdk::sendGet(quint32 bit, const char* path, const QString& cm, const QS
 {
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
     request->setMaxReplySize(d->maxReplyBytes);
-    d->track(request);
+    d->trackRequest(request);
     connect(request, &HttpBase::done, this, [this, request, bit, onReply](const QVariant& data) {
         release(bit);
         d->settle(request);
@@ -331,7 +357,7 @@ void Kelosdk::foodsRequest()
         return;
     auto* request = new HttpBase(QUrl(QString()), this, httpDebug);
     request->setMaxReplySize(d->maxReplyBytes);
-    d->track(request);
+    d->trackRequest(request);
     connect(request, SIGNAL(done(QVariant)), this, SLOT(onFoodsReadyDownload(QVariant)),
             Qt::UniqueConnection);
     connect(request, SIGNAL(done(QVariant)), request, SLOT(deleteLater()));
@@ -484,7 +510,7 @@ HttpBase2* Kelosdk::newTransferRequest()
     auto* request =
         new HttpBase2(QUrl(QStringLiteral("%1/kelo/api/invoice/").arg(httpsBase)), this, false);
     request->setMaxReplySize(d->maxReplyBytes);
-    d->track(request);
+    d->trackRequest(request);
     // A transport error on the session or on the "create" that reuses this object.
     connect(request, &HttpBase2::error, this,
             [this, request](const int& code, const QString& message) {
@@ -545,7 +571,9 @@ void Kelosdk::sendCreate(HttpBase2* request, const QString& sesId, long money,
     request->addParameter(QStringLiteral("cm"), QStringLiteral("create"), true);
     request->addParameter(QStringLiteral("tk"), tk, false);
     request->addParameter(QStringLiteral("dt"), dtSent, false);
-    request->process(HTTP_POST);
+    // Never through the pool, and never sent twice: an answer lost on the way means the outcome
+    // is unknown (error 205 when Qt would have sent it again), never a second invoice.
+    kelo_detail::postOnce(*request);
 }
 
 void Kelosdk::onTumipayQRInvoiceCode(const QVariant& data)

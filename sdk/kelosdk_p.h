@@ -8,9 +8,18 @@
 #include <QPointer>
 #include <QtGlobal>
 
+#include <memory>
+
+class HttpBase;
+class HttpBase2;
 class Kelosdk;
+class QNetworkAccessManager;
 class QObject;
 class WSClient;
+
+namespace kelo_detail {
+class SharedNetwork;
+}
 
 namespace kelo_sdk {
 
@@ -74,12 +83,18 @@ constexpr quint32 busyBit(RequestKind kind)
 class KelosdkPrivate
 {
 public:
-    explicit KelosdkPrivate(Kelosdk* owner) : q(owner) {}
+    explicit KelosdkPrivate(Kelosdk* owner);
+    ~KelosdkPrivate();
 
     /// The SDK object this belongs to.
     Kelosdk* const q;
     /// The notification client; it is never deleted and outlives the SDK object.
     WSClient* client = nullptr;
+
+    /// The connection pool that every request of this object goes through (the "create" of an
+    /// invoice excepted, see kelo_detail::postOnce()), and the notification client's session
+    /// fetch while this object lives.
+    QNetworkAccessManager* network();
 
     /// What the SDK object waits on: its request objects (children of the object) and its
     /// picture runs (CDownloadFileMan, no parent), from their start until their result is handled
@@ -105,8 +120,17 @@ public:
     /// signal) and is released with deleteLater(). False, doing nothing, if @p object is not
     /// waited on.
     bool settle(QObject* object);
+    /// Hands @p request the pool and starts waiting on it.
+    void trackRequest(HttpBase* request);
+    void trackRequest(HttpBase2* request);
     /// Abandons everything waited on: each object is disconnected from @p owner, a request
     /// aborted, a picture run stopped, and all released with deleteLater(), so that no late
     /// answer of theirs ever reaches @p owner.
     void abandonAll(QObject* owner);
+
+private:
+    // Destroyed with this part, after the destructor of the SDK object has abandoned its
+    // requests; what still goes through it then (a session fetch of the notification client) is
+    // aborted by it.
+    std::unique_ptr<kelo_detail::SharedNetwork> pool;
 };

@@ -1,6 +1,7 @@
 #include "wsclient.h"
 
 #include "httpbase.h"
+#include "httppool_p.h"
 #include "kelolimits_p.h"
 #include "kelologging_p.h"
 #include "keloqtcompat_p.h"
@@ -10,6 +11,7 @@
 #include <QDebug>
 #include <QMutex>
 #include <QMutexLocker>
+#include <QPointer>
 #include <QSet>
 #include <QSignalBlocker>
 #include <QTime>
@@ -70,6 +72,9 @@ public:
     QTimer sessionDeadline{this};
     QTimer handshakeDeadline{this};
     bool closingOverLargeNotice = false;
+    /// The SDK object's connection pool, for the session fetch; once the SDK object (and with it
+    /// the pool) is gone, each fetch goes through a manager of its own.
+    QPointer<QNetworkAccessManager> pool;
 };
 
 /*
@@ -268,6 +273,8 @@ void WSClient::getSession()
         return;
     sessionBusy = true;
     sessionRequest = new HttpBase(httpUrl, nullptr, false);
+    if (QNetworkAccessManager* pool = WSClientGuard::of(this)->pool)
+        kelo_detail::sendThrough(*sessionRequest, pool);
     connect(sessionRequest, SIGNAL(done(QVariant)), this, SLOT(onSessionDone(QVariant)));
     connect(sessionRequest, SIGNAL(error(int, QString)), this, SLOT(onSessionError(int, QString)));
     sessionRequest->addParameter(QStringLiteral("cm"), QStringLiteral("get_ws_session"), true);
@@ -427,5 +434,14 @@ void WSClient::releaseNetworkAtExit()
     sessionBusy = false;
     webSocket.abort();
 }
+
+namespace kelo_detail {
+
+void shareNetwork(WSClient& client, QNetworkAccessManager* pool)
+{
+    WSClientGuard::of(&client)->pool = pool;
+}
+
+} // namespace kelo_detail
 
 #include "wsclient.moc"

@@ -83,6 +83,8 @@ bool faultReply(const QString& kind, int status, CloudReply* reply)
         reply->body = cutBody;
     } else if (kind == QLatin1String("never"))
         reply->fault = CloudReply::Fault::NeverAnswer;
+    else if (kind == QLatin1String("idle-close"))
+        reply->fault = CloudReply::Fault::CloseReused;
     else if (kind == QLatin1String("status")) {
         reply->status = status;
         reply->body =
@@ -186,7 +188,7 @@ ControlReply CloudControl::fault(const Form& form)
     reply.delayMs = *ms;
     if (!faultReply(kind, *status, &reply))
         return failure(400, QStringLiteral("kind must be one of delay, drop, reset, never, "
-                                           "status, garbage, empty, not \"%1\"")
+                                           "idle-close, status, garbage, empty, not \"%1\"")
                                 .arg(kind));
     if (kind == QLatin1String("delay") && *ms == 0)
         return failure(400, QStringLiteral("a delay needs ms above 0"));
@@ -269,6 +271,10 @@ QString CloudControl::usage(const QString& caPath)
                "                 on a new connection: times=4 makes such a client see it\n"
                "        reset    headers and half the body, then the connection is reset\n"
                "        never    no answer at all; the connection stays open\n"
+               "        idle-close  only a request that is not its connection's first: it is\n"
+               "                 handled (an invoice is created) but the connection is closed\n"
+               "                 without an answer, as a server closing an idle connection at\n"
+               "                 the worst moment. Qt clients send it again on a new one\n"
                "        status   HTTP status <code> (400 to 599, default 500), short text body\n"
                "        garbage  200 with a body that is not JSON\n"
                "        empty    200 with an empty body\n"

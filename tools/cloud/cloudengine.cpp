@@ -243,9 +243,11 @@ QString Engine::listenAddress() const
     return options.listenAddress.isEmpty() ? QStringLiteral("127.0.0.1") : options.listenAddress;
 }
 
-CloudExchange Engine::record(const Request& request)
+CloudExchange Engine::record(const Request& request, quint64 connection, int onConnection)
 {
     CloudExchange exchange;
+    exchange.connection = connection;
+    exchange.onConnection = onConnection;
     exchange.method = bytes(request.method_string());
     exchange.target = bytes(request.target());
     const int mark = exchange.target.indexOf('?');
@@ -275,6 +277,8 @@ std::optional<CloudReply> Engine::takeScript(const CloudExchange& exchange)
         if (!exchange.path.startsWith(it->pathPrefix))
             continue;
         if (!it->cm.isEmpty() && exchange.param(QStringLiteral("cm")) != it->cm)
+            continue;
+        if (it->reply.fault == CloudReply::Fault::CloseReused && exchange.onConnection < 2)
             continue;
         CloudReply reply = it->reply;
         if (--it->times <= 0)

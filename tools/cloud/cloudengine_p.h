@@ -91,8 +91,11 @@ public:
     template <class F> auto call(F f) -> decltype(f());
 
     // Shared with the public API, under `mutex`.
-    CloudExchange record(const Request& request);
+    /// Records @p request, the @p onConnection-th on connection @p connection.
+    CloudExchange record(const Request& request, quint64 connection, int onConnection);
     void recordUpgrade(const QUrlQuery& query, bool accepted);
+    /// The script for @p exchange, if one matches (a CloseReused script only a request that is
+    /// not its connection's first).
     std::optional<CloudReply> takeScript(const CloudExchange& exchange);
     CloudReply route(const CloudExchange& exchange);
     ControlReply control(const CloudExchange& exchange);
@@ -134,6 +137,7 @@ public:
     std::atomic<quint16> port{0};
     std::atomic<std::thread::id> ioThreadId{};
     std::atomic<qint64> streamedBytes{0}; ///< of streamed bodies, written to a client
+    std::atomic<quint64> connectionsAccepted{0}; ///< numbers the HTTPS connections
 
     std::mutex lifecycle; ///< start(), stop() and call() against each other
     std::unique_ptr<ssl::context> tls;

@@ -25,7 +25,8 @@ class HttpSession : public Connection, public std::enable_shared_from_this<HttpS
 {
 public:
     HttpSession(Engine& engine, tcp::socket&& socket)
-        : engine(engine), stream(std::move(socket), *engine.tls), timer(stream.get_executor())
+        : engine(engine), stream(std::move(socket), *engine.tls), timer(stream.get_executor()),
+          id(++engine.connectionsAccepted)
     {
     }
 
@@ -82,7 +83,7 @@ private:
     void onRequest()
     {
         request = parser->release();
-        const CloudExchange exchange = engine.record(request);
+        const CloudExchange exchange = engine.record(request, id, ++served);
         std::optional<CloudReply> scripted = engine.takeScript(exchange);
         const int delayMs = scripted ? scripted->delayMs : 0;
         if (scripted && scripted->normalAnswer)
@@ -109,6 +110,12 @@ private:
             // A client whose upgrade is not taken does not go on with HTTP on that connection.
             engine.recordUpgrade(exchange.params(), false);
             request.keep_alive(false);
+        }
+        if (scripted && scripted->fault == CloudReply::Fault::CloseReused) {
+            // Handled as usual; only its answer is lost, as the connection closes as idle.
+            engine.route(exchange);
+            shutdown();
+            return;
         }
         if (scripted) {
             reply = *scripted;
@@ -163,6 +170,7 @@ private:
         case CloudReply::Fault::ResetMidBody:
             writeHalf();
             return;
+        case CloudReply::Fault::CloseReused: // handled in respond()
         case CloudReply::Fault::None:
             if (reply.streamBytes > 0)
                 writeStreamed();
@@ -320,6 +328,8 @@ private:
     bool streamEnded = false;
     char scratch[512];
     bool upgraded = false;
+    const quint64 id;  ///< the connection's number (CloudExchange::connection)
+    int served = 0;    ///< requests read on this connection so far
     std::function<void()> afterSent; ///< of a control answer, once it is sent
 };
 

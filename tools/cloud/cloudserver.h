@@ -24,6 +24,11 @@ struct CloudExchange
     bool hasQuery = false; ///< whether the target held a "?" at all
     QByteArray body;       ///< the raw body
     QList<QPair<QByteArray, QByteArray>> headers; ///< as received, in order
+    /// The TLS connection it came on (numbered from 1 in the order the server accepted them) and
+    /// its place on it (1: the connection's first request; 2 or more: a kept-alive connection
+    /// reused). 0 for both before the server numbered it.
+    quint64 connection = 0;
+    int onConnection = 0;
 
     /// The value of header @p name (case-insensitive), or an empty array.
     QByteArray header(const QByteArray& name) const;
@@ -45,7 +50,14 @@ struct CloudReply
         /// when that happens, so script it 4 times for such a client to see the failure
         ResetBeforeHeaders,
         ResetMidBody, ///< send the headers and half the body, then close abruptly
-        NeverAnswer   ///< keep the connection open and never answer (until stop/goDown)
+        NeverAnswer,  ///< keep the connection open and never answer (until stop/goDown)
+        /// the server closing a kept-alive connection as idle at the worst moment: a request that
+        /// is not its connection's first is handled (what it asks for is booked, e.g. an
+        /// invoice created) but never answered: the connection is closed (TLS close_notify, then
+        /// TCP). A connection's first request does not match the script and is answered.
+        /// QNetworkAccessManager sends a request lost that way again on a new connection, unless
+        /// its body cannot be read again (then it fails with ContentReSendError, 205)
+        CloseReused
     };
     int status = 200;
     QByteArray body;

@@ -1,0 +1,67 @@
+#include "httppool_p.h"
+
+#include "httpbase2.h"
+#include "httprequest_p.h"
+#include "keloqtcompat_p.h"
+
+#include <cstring>
+
+namespace kelo_detail {
+
+SharedNetwork::SharedNetwork(QObject* parent) : QNetworkAccessManager(parent)
+{
+    kelo_compat::manualRedirects(*this);
+    setCookieJar(new NoCookieJar(this));
+}
+
+SharedNetwork::~SharedNetwork()
+{
+    // A reply's abort() emits finished() at once: its request object reports error(5, ...) and
+    // its owner may release it, which deletes nothing here (deleteLater()).
+    const QList<QNetworkReply*> replies = findChildren<QNetworkReply*>();
+    for (const QPointer<QNetworkReply> reply : replies) {
+        if (reply && reply->isRunning())
+            reply->abort();
+    }
+}
+
+void sendThrough(HttpBase& request, QNetworkAccessManager* pool)
+{
+    HttpRequest<HttpBase>::setPool(request, pool);
+}
+
+void sendThrough(HttpBase2& request, QNetworkAccessManager* pool)
+{
+    HttpRequest<HttpBase2>::setPool(request, pool);
+}
+
+QNetworkReply* postOnce(HttpBase2& request)
+{
+    return HttpRequest<HttpBase2>::postOnce(request);
+}
+
+OnceReadBody::OnceReadBody(const QByteArray& bytes, QObject* parent)
+    : QIODevice(parent), bytes(bytes)
+{
+    // Unbuffered: every read comes through readData(), so readUpTo is what Qt has taken.
+    open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+}
+
+bool OnceReadBody::seek(qint64 pos)
+{
+    if (pos < readUpTo)
+        return false;
+    return QIODevice::seek(pos);
+}
+
+qint64 OnceReadBody::readData(char* data, qint64 maxSize)
+{
+    const qint64 at = pos();
+    const qint64 n = qBound<qint64>(0, bytes.size() - at, maxSize);
+    if (n > 0)
+        std::memcpy(data, bytes.constData() + at, size_t(n));
+    readUpTo = qMax(readUpTo, at + n);
+    return n;
+}
+
+} // namespace kelo_detail
