@@ -82,8 +82,6 @@ bool LabControl::restore()
     bool ok = blackhole(false);
     if (!profile.isEmpty())
         ok = setProfile(profile) && ok;
-    if (keptAliveFaultOn)
-        ok = closeKeptAlive(false) && ok;
     return ok;
 }
 
@@ -126,19 +124,10 @@ bool LabControl::simulatorState(QJsonObject* state)
     return simulator("GET", QStringLiteral("/_sim/state"), {}, state);
 }
 
-bool LabControl::closeKeptAlive(bool on)
+bool LabControl::closeKeptAlive(int times)
 {
-    if (!simulator("POST", QStringLiteral("/_sim/keepalive-close"),
-                   on ? QByteArray("on=1") : QByteArray("on=0"), nullptr))
-        return false;
-    keptAliveFaultOn = on;
-    return true;
-}
-
-bool LabControl::faultFired(const QJsonObject& after, const QJsonObject& before) const
-{
-    const QString key = QStringLiteral("keepalive_closed");
-    return after.value(key).toInt() > before.value(key).toInt();
+    const QByteArray form = "path=/kelo/api/&kind=idle-close&times=" + QByteArray::number(times);
+    return simulator("POST", QStringLiteral("/_sim/fault"), form, nullptr);
 }
 
 int LabControl::invoiceNumber(const QString& code)

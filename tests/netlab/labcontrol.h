@@ -20,16 +20,16 @@ public:
     bool setProfile(const QString& profile);
     /// The wire drops every packet both ways (on) or carries them again (off).
     bool blackhole(bool on);
-    /// Back to how lab.sh started: blackhole off, its profile, the simulator without faults.
+    /// Back to how lab.sh started: blackhole off, its profile.
     bool restore();
 
     /// GET /_sim/state of the lab's kelo-cloud.
     bool simulatorState(QJsonObject* state);
-    /// The simulator's fault that closes a kept-alive connection just as the next request
-    /// arrives on it, on or off.
-    bool closeKeptAlive(bool on);
-    /// Whether the kept-alive fault closed a connection between two states.
-    bool faultFired(const QJsonObject& after, const QJsonObject& before) const;
+    /// The simulator's fault "idle-close" for the next @p times API requests that arrive on a
+    /// kept-alive connection: each is handled, then its connection closes unanswered, as a
+    /// server closing an idle connection at the worst moment. It cannot be taken back: the
+    /// suite's last test sets it.
+    bool closeKeptAlive(int times);
 
     /// The number of an invoice code such as "INV#000012" (12); -1 if it has none.
     static int invoiceNumber(const QString& code);
@@ -46,6 +46,5 @@ private:
     QString wire;
     QString wireSocket;
     QString profile;
-    bool keptAliveFaultOn = false;
     QString error;
 };
