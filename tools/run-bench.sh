@@ -21,10 +21,11 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DKELO_BUILD_BENCH=ON -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF >/dev/null
 # The build is niced and takes at most KELO_BENCH_JOBS (2) jobs: on a shared machine it must not
 # crowd out other people's work; the benchmark runs after it, at normal priority.
-nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target kelo_bench kelo kelo-cloud
+targets=(kelo_bench kelo kelo-cloud)
+[ "${1:-}" = "--link" ] && targets+=(kelo-wire) # the network lab's link
+nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target "${targets[@]}"
 
 if [ "${1:-}" = "--link" ]; then
-    # kelo-wire and the lab's other tools are the lab's own to build (lab.sh --build).
     json=$build/link.json
     rm -f "$json"
     echo "run-bench: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), load $(cut -d' ' -f1-3 /proc/loadavg)"

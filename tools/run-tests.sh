@@ -4,7 +4,8 @@
 #   native     build into _build/tests (warnings are errors, a random signing key) and run ctest
 #   netlab     the SDK across the network lab's wire (tools/netlab/lab.sh): every request kind on
 #              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
-#              under a request, a silent outage; functional checks, no timings (_build/netlab)
+#              under a request, a silent outage; functional checks, no timings (the native
+#              stage's build, or _build/netlab when run alone)
 #   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
 #   armhf      the suite cross-built for 32-bit ARM (Release) and run under qemu-arm
@@ -56,17 +57,21 @@ qt6() {
     fi
     bash tests/install/check-side-by-side.sh "$side" "$build" "$build/tools/kelo-cloud-qt6"
 }
-# The lab's own build with the development key, which kelo-cloud holds by default: only the
-# suite, the library and the lab's tools are built. lab.sh removes its namespaces and processes
-# when it ends, also on failure.
+# The native stage's build when it ran before (only the lab's tools are added), otherwise a build
+# of the library, the suite and the lab's tools alone into _build/netlab. kelo-cloud is handed the
+# build's signing key. lab.sh removes its namespaces and processes when it ends, also on failure.
 netlab() {
-    local build=_build/netlab
-    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
-        -DKELO_BUILD_EXAMPLES=OFF
-    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab kelo-cloud
-    bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 --picture-kb 30 --build "$build" -- \
-        bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' netlab \
-        "$build/tests/netlab/tst_netlab"
+    local build=_build/tests key
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        build=_build/netlab
+        cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
+            -DKELO_BUILD_EXAMPLES=OFF
+    fi
+    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab kelo-cloud kelo-wire
+    key=$(sed -n 's/^KELO_SECRET_KEY:[A-Z]*=//p' "$build/CMakeCache.txt")
+    KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 \
+        --picture-kb 30 --build "$build" -- \
+        bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' netlab "$build/tests/netlab/tst_netlab"
 }
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }

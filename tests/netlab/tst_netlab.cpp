@@ -24,7 +24,7 @@ namespace {
 constexpr char kMerchant[] = "M01";
 constexpr char kMachine[] = "POS-LAB";
 /// After a request's one outcome, how long the test watches for a second one.
-constexpr int kSettleMs = 2000;
+constexpr int kSettleMs = 1000;
 /// How soon the channel must notice a silent outage: three unanswered pings 3 s apart, the
 /// first up to 3 s after the link went, and the check on the next tick.
 constexpr int kOutageNoticedMs = 20000;
@@ -268,7 +268,7 @@ void TestNetlab::silentOutage()
 /// invoice "create" is booked exactly once. Last: the fault cannot be taken back.
 void TestNetlab::keptAliveCloseLosesNoRequest()
 {
-    constexpr int Invoices = 4;
+    constexpr int Invoices = 3;
     // Per invoice: tables, table foods, get_session, create, cancel.
     constexpr int RequestsPerInvoice = 5;
     QVERIFY(lab.setProfile(QStringLiteral("wifi")));
