@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -595,7 +596,7 @@ QString number(const QJsonValue& v)
     if (!v.isDouble())
         return QStringLiteral("-");
     const double d = v.toDouble();
-    return d >= 100 ? QString::number(d, 'f', 0) : QString::number(d, 'f', 1);
+    return d >= 100 ? QString::number(d, 'f', 0) : QString::number(d, 'g', 3);
 }
 
 QString ratio(const QJsonValue& a, const QJsonValue& b)
@@ -730,7 +731,19 @@ int linkReport(const QString& json)
         std::fprintf(stderr, "bench --link-report: no run in %s\n", qPrintable(json));
         return 1;
     }
-    for (const QString& key : runs.keys())
+    // In the order of the profiles' table, then by menu size.
+    QStringList keys = runs.keys();
+    auto rank = [&](const QString& key) {
+        const QJsonObject run = runs.value(key).toObject();
+        const QString name = run.value("profile").toString();
+        int profile = 0;
+        while (profile < int(std::size(Profiles)) && name != QLatin1String(Profiles[profile].name))
+            ++profile;
+        return std::make_pair(profile, run.value("dishes").toInt());
+    };
+    std::sort(keys.begin(), keys.end(),
+              [&](const QString& a, const QString& b) { return rank(a) < rank(b); });
+    for (const QString& key : keys)
         printRun(runs.value(key).toObject());
     return 0;
 }
