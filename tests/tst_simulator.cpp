@@ -1,10 +1,12 @@
 // kelo-cloud as integrators start it: the merchant fixture and the signing key on its command
 // line or in its environment, its two start-up lines, a CA file that clients can trust, and a
-// clean quit on SIGTERM.
+// clean quit on SIGTERM; and as the network lab starts it: another address, a made-up menu of
+// any size, pictures of a given size exported for another web server.
 #include "replyoutcome.h"
 #include "testcloud.h"
 #include "testwait.h"
 
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -26,6 +28,10 @@ private Q_SLOTS:
     void badKeyStopsTheTool_data();
     void badKeyStopsTheTool();
     void helpNamesTheKeySettings();
+    void labOptionsServeTheMenu_data();
+    void labOptionsServeTheMenu();
+    void badLabOptionStopsTheTool_data();
+    void badLabOptionStopsTheTool();
 
 private:
     /// Starts kelo-cloud with @p arguments, its CA (and XDG data) in the test's directory, and
@@ -232,6 +238,149 @@ void TestSimulator::helpNamesTheKeySettings()
     QVERIFY2(help.startsWith("0|") && help.contains("--key <KEY>") &&
                  help.contains("KELO_CLOUD_KEY=<key> kelo-cloud"),
              qPrintable(help));
+}
+
+void TestSimulator::labOptionsServeTheMenu_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("address");     // where it listens and its certificate names
+    QTest::addColumn<int>("dishes");          // in the menu
+    QTest::addColumn<int>("pictureBytes");    // 0: as drawn
+    QTest::addColumn<QString>("pictureHost"); // "img_host"; empty: the server itself
+    QTest::addColumn<bool>("exported");
+
+    QTest::newRow("another loopback address, 3 dishes of 2 KiB")
+        << QStringList{"--listen", "127.0.0.2", "--dishes", "3", "--picture-bytes", "2048"}
+        << "127.0.0.2" << 3 << 2048 << "" << false;
+    QTest::newRow("pictures elsewhere, exported, 30 KiB")
+        << QStringList{"--dishes",          "4",
+                       "--picture-bytes",   "30720",
+                       "--picture-host",    "https://198.18.0.2:9443",
+                       "--export-pictures", "EXPORT"}
+        << "127.0.0.1" << 4 << 30720 << "https://198.18.0.2:9443" << true;
+    QTest::newRow("smallest pictures") << QStringList{"--dishes", "2", "--picture-bytes", "1024"}
+                                       << "127.0.0.1" << 2 << 1024 << "" << false;
+    QTest::newRow("fixture's menu, pictures sized")
+        << QStringList{"--picture-bytes", "5000"} << "127.0.0.1" << -1 << 5000 << "" << false;
+    QTest::newRow("no dishes") << QStringList{"--dishes", "0"} << "127.0.0.1" << 0 << 0 << ""
+                               << false;
+}
+
+void TestSimulator::labOptionsServeTheMenu()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, address);
+    QFETCH(int, dishes);
+    QFETCH(int, pictureBytes);
+    QFETCH(QString, pictureHost);
+    QFETCH(bool, exported);
+    QTemporaryDir exportDir;
+    arguments.replaceInStrings(QRegularExpression("^EXPORT$"), exportDir.path());
+    QProcess tool;
+    start(tool, QStringList{"--port", "0"} + arguments);
+    QByteArray out;
+    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= 2 ||
+                                 tool.state() == QProcess::NotRunning,
+                             kWait);
+    const QRegularExpressionMatch started =
+        QRegularExpression("^kelo-cloud listening on (" + QRegularExpression::escape(address) +
+                           ":\\d+)\n")
+            .match(QString::fromUtf8(out));
+    QVERIFY2(started.hasMatch(), (out + tool.readAllStandardError()).constData());
+    const QString hostPort = started.captured(1);
+
+    // Only the development CA is trusted here: the certificate must name the address.
+    QFile ca(dir.filePath("ca.pem"));
+    QVERIFY(ca.open(QIODevice::ReadOnly));
+    trustCertificateAuthority(ca.readAll());
+    QNetworkAccessManager nam;
+    const ReplyOutcome menuReply = finishReply(
+        nam.get(QNetworkRequest(QUrl("https://" + hostPort + "/kelo/api/item/?cm=getlist&dt=" +
+                                     QUrl::toPercentEncoding(R"({"merchant_code":"M01"})")))));
+    QVERIFY2(menuReply.error == QNetworkReply::NoError,
+             qPrintable(QString::number(menuReply.error)));
+    const QJsonObject dt = QJsonDocument::fromJson(menuReply.body).object()["dt"].toObject();
+    QCOMPARE(dt["img_host"].toString(),
+             pictureHost.isEmpty() ? "https://" + hostPort : pictureHost);
+    const QJsonArray items = dt["items"].toArray();
+    if (dishes >= 0) {
+        QCOMPARE(items.size(), dishes);
+        for (int i = 0; i < dishes; ++i) {
+            QCOMPARE(items.at(i)["item_id"].toInt(), i + 1);
+            QCOMPARE(items.at(i)["img_path"].toString(),
+                     QStringLiteral("/pictures/dish-%1.png").arg(i + 1));
+        }
+    } else {
+        QVERIFY(items.size() > 1); // the fixture's
+    }
+
+    // Every picture: a PNG that loads, of the asked size, each dish its own; the exported file
+    // holds the same bytes as the server serves.
+    QSet<QByteArray> distinct;
+    for (const QJsonValue item : items) {
+        const QString path = item["img_path"].toString();
+        const ReplyOutcome picture =
+            finishReply(nam.get(QNetworkRequest(QUrl("https://" + hostPort + path))));
+        QVERIFY2(picture.error == QNetworkReply::NoError, qPrintable(path));
+        if (pictureBytes > 0)
+            QCOMPARE(picture.body.size(), pictureBytes);
+        QVERIFY2(!QImage::fromData(picture.body, "PNG").isNull(), qPrintable(path));
+        distinct.insert(picture.body);
+        QFile file(exportDir.path() + path);
+        QCOMPARE(file.exists(), exported);
+        if (exported) {
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            QCOMPARE(file.readAll(), picture.body);
+        }
+    }
+    QCOMPARE(distinct.size(), items.size());
+    tool.terminate();
+    QCOMPARE(outcome(tool), QStringLiteral("0||"));
+}
+
+void TestSimulator::badLabOptionStopsTheTool_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("status");    // 2: refused option, 1: cannot start or write
+    QTest::addColumn<QString>("error"); // the whole of stderr, after "kelo-cloud: "
+    QTest::newRow("--listen not an address") << QStringList{"--listen", "cloud.local"} << 2
+                                             << "--listen: not an IPv4 address: cloud.local";
+    QTest::newRow("--listen IPv6")
+        << QStringList{"--listen", "::1"} << 2 << "--listen: not an IPv4 address: ::1";
+    QTest::newRow("--listen an address not here")
+        << QStringList{"--listen", "192.0.2.1"} << 1
+        << "cannot listen on 192.0.2.1:0: Cannot assign requested address";
+    QTest::newRow("--dishes negative")
+        << QStringList{"--dishes", "-1"} << 2 << "--dishes: expected 0 to 1000000, got -1";
+    QTest::newRow("--dishes not a number")
+        << QStringList{"--dishes", "many"} << 2 << "--dishes: expected 0 to 1000000, got many";
+    QTest::newRow("--picture-bytes too small")
+        << QStringList{"--picture-bytes", "1023"} << 2
+        << "--picture-bytes: pictures must have 1024 to 16777216 bytes (got 1023)";
+    QTest::newRow("--picture-bytes too large")
+        << QStringList{"--picture-bytes", "16777217"} << 2
+        << "--picture-bytes: pictures must have 1024 to 16777216 bytes (got 16777217)";
+    QTest::newRow("--picture-bytes not a number")
+        << QStringList{"--picture-bytes", "30k"} << 2 << "--picture-bytes: not a number";
+    QTest::newRow("--picture-host plain http")
+        << QStringList{"--picture-host", "http://198.18.0.2:9443"} << 2
+        << "--picture-host: expected https://host[:port], got http://198.18.0.2:9443";
+    QTest::newRow("--picture-host with a path")
+        << QStringList{"--picture-host", "https://198.18.0.2/pics"} << 2
+        << "--picture-host: expected https://host[:port], got https://198.18.0.2/pics";
+    QTest::newRow("--export-pictures into a file")
+        << QStringList{"--dishes", "1", "--export-pictures", "/dev/null"} << 1
+        << "cannot write /dev/null/pictures/dish-1.png";
+}
+
+void TestSimulator::badLabOptionStopsTheTool()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, status);
+    QFETCH(QString, error);
+    QProcess tool;
+    start(tool, QStringList{"--port", "0"} + arguments);
+    QCOMPARE(outcome(tool), QString::number(status) + "||kelo-cloud: " + error + '\n');
 }
 
 QTEST_GUILESS_MAIN(TestSimulator)

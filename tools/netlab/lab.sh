@@ -39,15 +39,23 @@ usage() {
 
 build=$root/_build/lab
 ensure_build() {
-    if [ -x "$build/tools/kelo-wire" ] && [ -x "$build/tools/kelo-cloud" ]; then
+    # A build folder is brought up to date (quick when it is); a folder of bare binaries is used
+    # as it stands.
+    if [ ! -f "$build/CMakeCache.txt" ] && [ -x "$build/tools/kelo-wire" ] &&
+        [ -x "$build/tools/kelo-cloud" ]; then
         return
     fi
-    echo "lab: building kelo-wire and kelo-cloud in $build" >&2
-    bash "$root/tools/install-deps.sh" >&2
-    [ -f "$build/CMakeCache.txt" ] ||
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        echo "lab: building kelo-wire and kelo-cloud in $build" >&2
+        bash "$root/tools/install-deps.sh" >&2
         cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-            -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF -DKELO_BUILD_BENCH=OFF >&2
-    nice -n 10 cmake --build "$build" --parallel 2 --target kelo-wire kelo-cloud >&2
+            -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF -DKELO_BUILD_BENCH=OFF \
+            -DKELO_BUILD_QML=OFF > "$build.configure.log" 2>&1 ||
+            { cat "$build.configure.log" >&2; die "cannot configure $build"; }
+        rm -f "$build.configure.log"
+    fi
+    nice -n 10 cmake --build "$build" --parallel 2 --target kelo-wire kelo-cloud > /dev/null ||
+        die "cannot build kelo-wire and kelo-cloud in $build"
 }
 
 # ---- the run's resources and their removal ----------------------------------------------------
@@ -179,7 +187,9 @@ lab_up() {
 
     local h2=https://$cloud_ip:$h2_port h1=https://$cloud_ip:$h1_port picture_host
     [ "$img_host" = h1 ] && picture_host=$h1 || picture_host=$h2
-    ip netns exec "$ns_cloud" "$cloud" --listen "$cloud_ip" --port "$api_port" \
+    # kelo-cloud and nginx, like the wire, end with this script even when it is killed outright
+    # (setpriv's parent-death signal); the namespaces and files are then for "lab.sh cleanup".
+    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- "$cloud" --listen "$cloud_ip" --port "$api_port" \
         --ca-dir "$tmp/ca" --dishes "$dishes" --picture-bytes $((picture_kb * 1024)) \
         --picture-host "$picture_host" --export-pictures "$tmp/pictures" > "$tmp/cloud.log" 2>&1 &
     cloud_pid=$!
@@ -188,6 +198,7 @@ lab_up() {
     # A large file for bulk transfers (sparse: costs no disk); fetch a part with a Range request.
     mkdir -p "$tmp/pictures/lab"
     truncate -s 256M "$tmp/pictures/lab/bulk.bin"
+    mkdir -m 777 "$tmp/pictures/upload"
     chmod -R a+rX "$tmp/pictures"
 
     # nginx's certificate for the cloud's address, signed by kelo-cloud's development CA.
@@ -224,13 +235,18 @@ http {
     ssl_certificate_key $tmp/ca/nginx.key;
     ssl_protocols TLSv1.2 TLSv1.3;
     root $tmp/pictures;
+    # Uploads for measuring the up direction (PUT /upload/NAME), kept in the run's folder.
+    client_max_body_size 512m;
     # HTTP/2 (and HTTP/1.1 for clients that do not offer h2 in ALPN).
-    server { listen $cloud_ip:$h2_port ssl http2; }
+    server {
+        listen $cloud_ip:$h2_port ssl http2;
+        location /upload/ { dav_methods PUT; create_full_put_path on; }
+    }
     # HTTP/1.1 only.
     server { listen $cloud_ip:$h1_port ssl; }
 }
 EOF
-    ip netns exec "$ns_cloud" nginx -c "$tmp/nginx/nginx.conf" -p "$tmp/nginx/" \
+    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- nginx -c "$tmp/nginx/nginx.conf" -p "$tmp/nginx/" \
         -e "$tmp/nginx/error.log" > "$tmp/nginx/stdout.log" 2>&1 &
     nginx_pid=$!
     wait_until "[ -s '$tmp/nginx/nginx.pid' ] || ! kill -0 $nginx_pid 2>/dev/null" 100
@@ -261,7 +277,9 @@ parse_options() {
         esac
     done
     [[ $dishes =~ ^[0-9]+$ ]] || die "--dishes: expected a number"
-    [[ $picture_kb =~ ^[0-9]+$ ]] && [ "$picture_kb" -ge 1 ] || die "--picture-kb: expected a number >= 1"
+    if ! [[ $picture_kb =~ ^[0-9]+$ ]] || [ "$picture_kb" -lt 1 ]; then
+        die "--picture-kb: expected a number >= 1"
+    fi
     [[ $img_host =~ ^h[12]$ ]] || die "--img-host: expected h2 or h1"
     [[ $seed =~ ^[0-9]+$ ]] || die "--seed: expected a number"
     rest=("$@")
@@ -276,9 +294,9 @@ cmd_run() {
     trap 'exit 129' HUP
     lab_up
     # In the background, so that a signal to this script reaches the trap at once; its standard
-    # input stays the script's.
+    # input stays the script's, and it ends with the script even if that one is killed outright.
     set +e
-    "${rest[@]}" <&0 &
+    setpriv --pdeathsig TERM -- "${rest[@]}" <&0 &
     command_pid=$!
     wait "$command_pid"
     local status=$?
@@ -286,14 +304,36 @@ cmd_run() {
     exit "$status"
 }
 
+# The checks of selftest.sh inside a lab, then, once that lab is gone, that it left nothing.
+cmd_selftest() {
+    parse_options "$@"
+    ensure_build
+    local child status leftovers
+    bash "${BASH_SOURCE[0]}" run --build "$build" --seed "$seed" -- \
+        bash "$root/tools/netlab/selftest.sh" &
+    child=$!
+    trap 'kill -TERM $child 2>/dev/null; wait $child; exit 130' INT
+    trap 'kill -TERM $child 2>/dev/null; wait $child; exit 143' TERM
+    status=0
+    wait "$child" || status=$?
+    trap - INT TERM
+    leftovers=$( (ip netns list | grep "^$prefix-$child-"; ls -d "/tmp/$prefix-$child".* 2>/dev/null
+        pgrep -a -f "/tmp/$prefix-$child\." | grep -v pgrep) || true)
+    if [ -n "$leftovers" ]; then
+        echo "  FAIL  the lab left behind:"
+        sed 's/^/          /' <<<"$leftovers"
+        status=1
+    else
+        echo "  ok    the lab left nothing behind (namespaces, processes, files)"
+    fi
+    return "$status"
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case $cmd in
 run) cmd_run "$@" ;;
-selftest)
-    parse_options "$@"
-    exec bash "$root/tools/netlab/lab.sh" run --build "$build" -- bash "$root/tools/netlab/selftest.sh"
-    ;;
+selftest) cmd_selftest "$@" ;;
 cleanup) cleanup_stale ;;
 *) usage ;;
 esac

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The network lab's self-test, run by "lab.sh selftest" inside a lab (it needs the KELO_LAB_*
 # variables). For each profile: round trip (ping from the terminal side) within +-25 % of the
-# profile's, a bulk download from nginx within 60-110 % of the down rate (lossy-wifi: loss seen
-# instead, as TCP cannot fill a link that loses 2 %); then the blackhole, nginx over HTTP/2 and
+# profile's, a bulk download from nginx and an upload to it within 60-110 % of the rates
+# (lossy-wifi: loss seen instead, as TCP cannot fill a link that loses 2 %); then the blackhole, nginx over HTTP/2 and
 # HTTP/1.1 with the development CA, and the kelo-cloud API with the lab's menu. Bounds are
 # generous on purpose: this checks that the lab works, not how fast the machine is.
 set -uo pipefail
@@ -41,12 +41,26 @@ bulk_rate() {
         awk '{ t = $3 - $2; if (t <= 0) t = 0.001; printf "%.0f %d %.2f\n", $1 * 8 / t / 1000, $1, $3 }'
 }
 
-# profile, round trip ms, down kbit/s, bulk bytes (about 3 s of the rate after slow start)
+# Up rate in kbit/s of a BYTES long upload (PUT), from the request's start to its last byte
+# (the answer's round trip taken off).
+upload_rate() {
+    local file
+    file=$(mktemp /tmp/kelolab-selftest-upload.XXXXXX)
+    truncate -s "$1" "$file"
+    curl_term -o /dev/null -T "$file" --max-time 60 \
+        -w '%{size_upload} %{time_pretransfer} %{time_total}\n' \
+        "$KELO_LAB_PICTURES_H2/upload/up.bin" |
+        awk -v rtt="$2" '{ t = $3 - $2 - rtt / 1000; if (t <= 0) t = 0.001; printf "%.0f %d %.2f\n", $1 * 8 / t / 1000, $1, $3 }'
+    rm -f "$file"
+}
+
+# profile, round trip ms, down kbit/s, up kbit/s, bulk bytes down and up (about 3 s of the rate
+# after slow start)
 profiles=(
-    "wifi 80 20000 8000000"
-    "4g 150 1600 700000"
-    "lossy-wifi 80 20000 2000000"
-    "lan 1 1000000 100000000"
+    "wifi 80 20000 20000 8000000 8000000"
+    "4g 150 1600 750 700000 300000"
+    "lossy-wifi 80 20000 20000 2000000 2000000"
+    "lan 1 1000000 1000000 100000000 20000000"
 )
 
 echo "lab selftest: terminal $KELO_LAB_TERM, cloud $KELO_LAB_CLOUD"
@@ -57,9 +71,9 @@ ctl set delay=0 > /dev/null
 read -r base _ < <(ping_rtt 20)
 echo "machine's own round trip: $base ms (wire without delay)"
 for row in "${profiles[@]}"; do
-    read -r name rtt rate bytes <<<"$row"
+    read -r name rtt rate uprate bytes upbytes <<<"$row"
     ctl profile "$name" > /dev/null
-    echo "profile $name: round trip $rtt ms, down $rate kbit/s"
+    echo "profile $name: round trip $rtt ms, down $rate kbit/s, up $uprate kbit/s"
     sleep 0.5 # what the previous profile still carries drains
     read -r avg received < <(ping_rtt 20)
     added=$(awk -v a="$avg" -v b="$base" 'BEGIN { printf "%.3f", a - b }')
@@ -68,6 +82,9 @@ for row in "${profiles[@]}"; do
     read -r kbit got seconds < <(bulk_rate "$bytes")
     echo "  bulk download: $kbit kbit/s ($got bytes in $seconds s)"
     check "download complete" "$([ "${got:-0}" -eq "$bytes" ] && echo 1 || echo 0)"
+    read -r upkbit upgot upseconds < <(upload_rate "$upbytes" "$rtt")
+    echo "  bulk upload: $upkbit kbit/s ($upgot bytes in $upseconds s)"
+    check "upload complete" "$([ "${upgot:-0}" -eq "$upbytes" ] && echo 1 || echo 0)"
     if [ "$name" = lossy-wifi ]; then
         lost=$(ctl stats | awk '{ for (i = 1; i <= NF; i++) if ($i ~ /^lost=/) { sub("lost=", "", $i); n += $i } } END { print n + 0 }')
         echo "  packets lost by the wire: $lost"
@@ -77,6 +94,7 @@ for row in "${profiles[@]}"; do
         echo "  (lan: rate not checked, the wire's own speed limits it)"
     else
         check "down rate within 60-110 % of $rate kbit/s" "$(within "$kbit" "$((rate * 60 / 100))" "$((rate * 110 / 100))")"
+        check "up rate within 60-110 % of $uprate kbit/s" "$(within "$upkbit" "$((uprate * 60 / 100))" "$((uprate * 110 / 100))")"
     fi
 done
 

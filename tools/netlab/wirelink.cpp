@@ -107,11 +107,11 @@ bool Direction::offer(std::vector<std::uint8_t> packet, Nanos now, bool blackhol
     const Nanos serialisation =
         current.rateKbit > 0 ? Nanos(std::llround(double(size) * 8e6 / current.rateKbit)) : 0;
     const Nanos departure = start + serialisation;
-    const Nanos delivery =
-        std::max(departure + Nanos(std::llround(current.delayMs * nanosPerMs)), lastDelivery);
+    // One queue, taken from the front only: a packet never overtakes an earlier one, even when
+    // the delay was lowered in between (it then waits for the one ahead of it).
+    const Nanos delivery = departure + Nanos(std::llround(current.delayMs * nanosPerMs));
     const bool lost = current.lossPercent > 0 && nextRandom() * 100.0 < current.lossPercent;
     lastDeparture = departure;
-    lastDelivery = delivery;
     flight.push_back({std::move(packet), departure, delivery, lost});
     return true;
 }

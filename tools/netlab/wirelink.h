@@ -45,7 +45,7 @@ struct DirectionStats
  * One direction. A packet offered at time t leaves at max(t, previous departure) +
  * size * 8 / rate and is delivered the one-way delay later; it is refused when the packets still
  * waiting to leave would pass the queue limit. Deliveries keep the order of arrival even when the
- * delay is lowered while packets are under way.
+ * delay is lowered while packets are under way (takeDue() stops at the first packet not due).
  */
 class Direction
 {
@@ -87,7 +87,6 @@ private:
     DirectionStats counters;
     std::deque<InFlight> flight;
     Nanos lastDeparture = 0;
-    Nanos lastDelivery = 0;
     std::uint64_t rng;
 };
 
