@@ -18,8 +18,10 @@ SharedNetwork::~SharedNetwork()
 {
     // A reply's abort() emits finished() at once: its request object reports error(5, ...) and
     // its owner may release it, which deletes nothing here (deleteLater()).
-    const QList<QNetworkReply*> replies = findChildren<QNetworkReply*>();
-    for (const QPointer<QNetworkReply> reply : replies) {
+    QList<QPointer<QNetworkReply>> replies;
+    for (QNetworkReply* reply : findChildren<QNetworkReply*>(QString(), Qt::FindDirectChildrenOnly))
+        replies.append(reply);
+    for (const QPointer<QNetworkReply>& reply : qAsConst(replies)) {
         if (reply && reply->isRunning())
             reply->abort();
     }

@@ -48,9 +48,10 @@ public:
     ~SharedNetwork() override;
 };
 
-/// What a request object handed to a pool keeps: the pool while it lives, and the reply it
-/// recorded last (a pool's reply is no child of the object's own manager, so nothing else tells
-/// whether it still lives). A child of the object's own manager, so it goes with the object.
+/// What a request object handed to a pool keeps: the pool while it lives, and the replies it
+/// started since (a pool's reply is no child of the object's own manager, so nothing else tells
+/// whether it still lives, nor deletes it with the object). A child of the object's own manager,
+/// so it goes with the object.
 class PoolLink : public QObject
 {
     Q_OBJECT
@@ -59,8 +60,15 @@ public:
 
     /// The manager requests go through; null once it is gone (the object's own manager then).
     QPointer<QNetworkAccessManager> pool;
-    /// The reply recorded last, null once deleted (by its pool, or by HttpBase's deleteLater).
-    QPointer<QNetworkReply> reply;
+    /// Every reply started since, the recorded one last; each null once deleted (with its pool,
+    /// by HttpBase's deferred deletion, or by the object's destructor).
+    QList<QPointer<QNetworkReply>> replies;
+
+    /// True if @p reply is the last one started and still lives.
+    bool lastAlive(const QNetworkReply* reply) const
+    {
+        return reply && !replies.isEmpty() && replies.last() && replies.last().data() == reply;
+    }
 };
 
 /// Has @p request send through @p pool from its next process() on; null: through its own manager

@@ -21,6 +21,8 @@
 #include <QPointer>
 #include <QUrl>
 
+#include <utility>
+
 namespace kelo_detail {
 
 /// Whether Qt may send a request's body again (when the connection closes before any byte of the
@@ -161,8 +163,10 @@ template <class Owner> struct HttpRequest
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
         if (owner.reply)
             watchSize(owner, owner.reply, maxReplySize(owner));
-        if (PoolLink* link = linkOf(owner))
-            link->reply = owner.reply;
+        if (PoolLink* link = linkOf(owner)) {
+            link->replies.removeAll(nullptr);
+            link->replies.append(owner.reply);
+        }
         return owner.reply;
     }
 
@@ -220,12 +224,21 @@ template <class Owner> struct HttpRequest
         return QString();
     }
 
+    static constexpr char NotSentAgainText[] =
+        "connection closed before the answer; the request was not sent again, its outcome is "
+        "unknown";
+
     // Qt's error text for an HTTP error status quotes the whole request URL, and a GET carries its
     // parameters in the query: a login's password among them. That text is logged and handed on
     // to hosts, which log it too, so the query and any credentials are cut out of it; the rest of
     // the text (path, server's status text) stays as Qt wrote it.
     static QString errorTextWithoutSecrets(const QNetworkReply& reply)
     {
+        // Qt says only "Unknown error" when it would send a request again and cannot rewind its
+        // body (postOnce()): the one thing the owner must know is that the server may have
+        // acted on it.
+        if (reply.error() == QNetworkReply::ContentReSendError)
+            return QString::fromLatin1(NotSentAgainText);
         QString text = reply.errorString();
         const QUrl url = reply.url();
         const QUrl::FormattingOptions cut = QUrl::RemoveQuery | QUrl::RemoveUserInfo;
@@ -281,7 +294,7 @@ template <class Owner> struct HttpRequest
     {
         // A pool's reply may be gone with its pool: only a live one is aborted.
         if (const PoolLink* link = linkOf(owner)) {
-            if (link->reply && link->reply.data() == owner.reply)
+            if (link->lastAlive(owner.reply))
                 owner.reply->abort();
             return;
         }
@@ -293,17 +306,19 @@ template <class Owner> struct HttpRequest
     // the pointer dangles (owners normally delete the object from their handlers before that).
     // A reply still alive is still a child of our manager: only then is it deleted here, so an
     // object kept longer is not a double delete. The pointer is only compared, never followed.
-    // An object handed to a pool knows its last reply's fate from its link instead: deleted by
-    // HttpBase's deferred deletion or with the pool that owned it, or alive (and deleted here).
+    // An object handed to a pool knows its replies' fate from its link instead: each was
+    // deleted by HttpBase's deferred deletion or with the pool that owned it, or lives (and is
+    // deleted here, as the object's own manager would have deleted it).
     static void destroy(Owner& owner)
     {
-        if (!owner.reply)
-            return;
-        if (const PoolLink* link = linkOf(owner)) {
-            if (link->reply && link->reply.data() == owner.reply)
-                delete owner.reply;
+        if (PoolLink* link = linkOf(owner)) {
+            const QList<QPointer<QNetworkReply>> replies = std::exchange(link->replies, {});
+            for (const QPointer<QNetworkReply>& reply : replies)
+                delete reply.data();
             return;
         }
+        if (!owner.reply)
+            return;
         if (owner.manager.children().contains(owner.reply))
             delete owner.reply;
     }

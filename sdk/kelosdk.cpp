@@ -72,15 +72,18 @@ bool KelosdkPrivate::busy(RequestKind kind) const
 // ---- what the object waits on ----------------------------------------------------------------
 
 KelosdkPrivate::KelosdkPrivate(Kelosdk* owner)
-    : q(owner), pool(std::make_unique<kelo_detail::SharedNetwork>())
+    : q(owner), pool(new kelo_detail::SharedNetwork(owner))
 {
 }
 
-KelosdkPrivate::~KelosdkPrivate() = default;
+KelosdkPrivate::~KelosdkPrivate()
+{
+    delete pool;
+}
 
 QNetworkAccessManager* KelosdkPrivate::network()
 {
-    return pool.get();
+    return pool;
 }
 
 void KelosdkPrivate::trackRequest(HttpBase* request)

@@ -22,6 +22,11 @@ class KelosdkPrivate;
  * QNetworkReply::NetworkError value and Qt's text. The object opens the notification channel in
  * its constructor and reports its state through cloudConnectionChange().
  *
+ * All the object's requests go through one connection pool of its own, so that they reuse
+ * kept-alive connections; no cookie is kept. The invoice "create" of tumipayRequest() alone goes
+ * on a fresh connection and is never sent twice: a connection lost before its answer ends in
+ * networkError(205, ...), and the invoice may then exist on the server.
+ *
  * The host may delete the object from a slot of any of its signals, with delete or deleteLater().
  * Requests still out and a menu's picture download are then abandoned: none of their answers is
  * reported, and they are released on the next pass of the event loop.

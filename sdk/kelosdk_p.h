@@ -8,8 +8,6 @@
 #include <QPointer>
 #include <QtGlobal>
 
-#include <memory>
-
 class HttpBase;
 class HttpBase2;
 class Kelosdk;
@@ -85,6 +83,7 @@ class KelosdkPrivate
 public:
     explicit KelosdkPrivate(Kelosdk* owner);
     ~KelosdkPrivate();
+    Q_DISABLE_COPY(KelosdkPrivate)
 
     /// The SDK object this belongs to.
     Kelosdk* const q;
@@ -129,8 +128,8 @@ public:
     void abandonAll(QObject* owner);
 
 private:
-    // Destroyed with this part, after the destructor of the SDK object has abandoned its
-    // requests; what still goes through it then (a session fetch of the notification client) is
-    // aborted by it.
-    std::unique_ptr<kelo_detail::SharedNetwork> pool;
+    // A child of the SDK object (where a test finds it), deleted with this part, after the
+    // destructor of the SDK object has abandoned its requests; what still goes through it then
+    // (a session fetch of the notification client) is aborted by it.
+    kelo_detail::SharedNetwork* const pool;
 };

@@ -182,7 +182,8 @@ void TestCloudServer::refusals_data()
     route("/_sim/push", "devid=dev-z&text=x", 404, "device dev-z has no notification socket");
     route("/_sim/fault", "path=/_sim/state&kind=empty", 400, "faults never apply to /_sim/");
     route("/_sim/fault", "path=/&kind=slow", 400,
-          "kind must be one of delay, drop, reset, never, status, garbage, empty, not \"slow\"");
+          "kind must be one of delay, drop, reset, never, idle-close, status, garbage, empty, not "
+          "\"slow\"");
     route("/_sim/fault", "path=/&kind=status&status=200", 400,
           "status must be an integer from 400 to 599, not \"200\"");
     route("/_sim/fault", "path=/&kind=delay", 400, "a delay needs ms above 0");
@@ -283,6 +284,9 @@ void TestCloudServer::faults_data()
     row("drop, 4 times", "kind=drop&times=4", "RemoteHostClosedError 0 4", "");
     row("reset mid-body", "kind=reset", "RemoteHostClosedError 200 1", QByteArray());
     row("never answered", "kind=never", "OperationCanceledError 0 1", "", 800);
+    // The request comes on the connection that set the fault: handled, closed unanswered, and
+    // sent again by Qt on a new connection, which is answered.
+    row("idle-close", "kind=idle-close", "NoError 200 2", "normal");
     row("status 404", "kind=status&status=404", "ContentNotFoundError 404 1",
         "kelo-cloud: simulated error 404\n");
     row("status, 500 by default", "kind=status", "InternalServerError 500 1",
@@ -311,6 +315,10 @@ void TestCloudServer::faults()
         QCOMPARE(faulty.body, body == "normal" ? normal.body : body);
     if (form.contains("ms=")) // a delayed answer may come late, never early
         QVERIFY(clock.elapsed() >= 600);
+    if (form.contains("idle-close")) {
+        QVERIFY(cloud->exchanges().first().onConnection > 1);
+        QCOMPARE(cloud->exchanges().last().onConnection, 1);
+    }
     QCOMPARE(get(kItems).body, normal.body); // used up
 }
 

@@ -429,7 +429,7 @@ void WSClient::releaseNetworkAtExit()
     WSClientGuard* guard = WSClientGuard::of(this);
     guard->sessionDeadline.stop();
     guard->handshakeDeadline.stop();
-    delete sessionRequest; // aborts its reply and ends its manager's network thread
+    delete sessionRequest; // aborts its reply (and ends its own manager's network thread)
     sessionRequest = nullptr;
     sessionBusy = false;
     webSocket.abort();

@@ -136,7 +136,7 @@ public:
     std::atomic<bool> up{false};
     std::atomic<quint16> port{0};
     std::atomic<std::thread::id> ioThreadId{};
-    std::atomic<qint64> streamedBytes{0}; ///< of streamed bodies, written to a client
+    std::atomic<qint64> streamedBytes{0};        ///< of streamed bodies, written to a client
     std::atomic<quint64> connectionsAccepted{0}; ///< numbers the HTTPS connections
 
     std::mutex lifecycle; ///< start(), stop() and call() against each other

@@ -328,8 +328,8 @@ private:
     bool streamEnded = false;
     char scratch[512];
     bool upgraded = false;
-    const quint64 id;  ///< the connection's number (CloudExchange::connection)
-    int served = 0;    ///< requests read on this connection so far
+    const quint64 id;                ///< the connection's number (CloudExchange::connection)
+    int served = 0;                  ///< requests read on this connection so far
     std::function<void()> afterSent; ///< of a control answer, once it is sent
 };
 
