@@ -6,6 +6,8 @@
 //              [--lib-size-armhf BYTES] [--idle-seconds N]
 //   kelo_bench --only menu                     (the menu sync alone, for a profiler)
 //   kelo_bench --only reply-cap                (the refused 200 MB answer alone)
+//   kelo_bench --only pictures-in-flight       (a cold sync of 100 pictures answered after 80 ms
+//                                               each, with 1, 3 and 6 pictures in flight)
 //   kelo_bench --callgrind sdk|baseline|none [--dishes N]
 //                                              (one catalogue rewrite, for valgrind)
 //   kelo_bench --scale [--scale-dat FILE]      (menu sync and rewrite at 100, 1,000, 10,000
@@ -24,6 +26,7 @@
 #include "catalogue.h"
 #include "cloudserver.h"
 #include "idle.h"
+#include "inflight.h"
 #include "link.h"
 #include "localcloud.h"
 #include "scale.h"
@@ -83,6 +86,11 @@ int main(int argc, char** argv)
     // --only menu: the menu sync alone (for a profiler)
     if (option("--only") == QLatin1String("menu")) {
         printTable(bench.menuSync());
+        return 0;
+    }
+    // --only pictures-in-flight: one at a time against several at once
+    if (option("--only") == QLatin1String("pictures-in-flight")) {
+        printTable(picturesInFlight(*cloud));
         return 0;
     }
     // --only reply-cap: the refused 200 MB answer alone

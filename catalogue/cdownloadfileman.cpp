@@ -43,6 +43,13 @@ bool isPlainFileName(const QString& name)
            !name.contains(QChar(0)) && QFile::encodeName(name).size() <= MaxFileNameBytes;
 }
 
+// The server a request goes to, as Qt keeps its connections: scheme, host and port.
+QString originOf(const QUrl& url)
+{
+    return url.scheme() + QLatin1String("://") + url.host() + QLatin1Char(':') +
+           QString::number(url.port(url.scheme() == QLatin1String("https") ? 443 : 80));
+}
+
 bool isWebUrl(const QUrl& url)
 {
     return url.isValid() &&
@@ -78,12 +85,24 @@ bool isAllowedRedirect(const QUrl& target, bool plainHttpAllowed)
             (plainHttpAllowed && scheme == QLatin1String("http")));
 }
 
+// The folder part of an entry's dish: its cache file's name before the first "." (what the
+// filter "<base>.*" of DeleteOldFiles compares), case-folded as QDir compares it.
+QString dishNameOf(const QString& localPath)
+{
+    return QFileInfo(localPath).baseName().toCaseFolded();
+}
+
 // One picture in flight: its entry, its redirects so far, whether plain http is allowed for it,
 // its bytes, its deadline, the file it is written to and the answer it comes from.
 struct PictureTransfer
 {
-    explicit PictureTransfer(int entry) : index(entry) { deadline.setSingleShot(true); }
+    PictureTransfer(int entry, const tagDownFileInfo& info)
+        : index(entry), id(info.id), dish(dishNameOf(info.localPath))
+    {
+    }
     const int index;               ///< the entry in the manager's list
+    const int id;                  ///< its dish id
+    const QString dish;            ///< its dish's file name part (dishNameOf())
     int redirects = 0;             ///< redirects followed for it
     bool plainHttpAllowed = false; ///< the catalogue's own address for it is plain http
     bool requested = false;        ///< a request went out for it (its deadline runs)
@@ -92,9 +111,13 @@ struct PictureTransfer
     bool outputFailed = false;     ///< given up, or a write failed: ends like a network error
     qint64 received = 0;           ///< bytes of the current answer so far
     QElapsedTimer started;         ///< since the entry's first request
-    QTimer deadline;               ///< gives the entry up, redirects included
+    /// Gives the entry up, redirects included; made with its first request (a cached picture
+    /// needs none).
+    std::unique_ptr<QTimer> deadline;
     QFile* file = nullptr;         ///< the cache file being written
     QPointer<QNetworkReply> reply; ///< the answer in flight
+    QString origin;                ///< the server of the current request (originOf())
+    int lane = -1;                 ///< the run's own network manager it goes through; -1: none
 
     bool expired(int deadlineMs) const { return deadlineMs > 0 && started.hasExpired(deadlineMs); }
 };
@@ -103,7 +126,8 @@ struct PictureTransfer
 
 // Kept beside the manager, whose layout is fixed: its settings, the indexes of its id lists
 // (which live as long as the manager), and the state of a run with every picture in flight.
-class CDownloadFileMan::PictureRun : public QObject
+// Hidden: none of it is part of the library's exported symbols.
+class Q_DECL_HIDDEN CDownloadFileMan::PictureRun : public QObject
 {
 public:
     explicit PictureRun(CDownloadFileMan* owner) : QObject(owner), manager(*owner) {}
@@ -122,15 +146,21 @@ public:
     kelo_catalogue::IdIndex modified; ///< index of the manager's modifiedIds
 
     // ---- the run ----
-    bool running = false;                  ///< from StartDownload to DownloadDone
-    bool doneSignalled = false;            ///< NotifyDownloadDone was emitted in this run
-    QPointer<QNetworkAccessManager> network; ///< the manager the run fetches through
-    QMetaObject::Connection networkGone;   ///< to a shared manager's destroyed()
-    int next = 0;                          ///< the first entry not looked at yet
-    int ended = 0;                         ///< entries done (below next, none waiting or active)
-    QList<int> held;                       ///< entries held back behind another of their dish
+    bool running = false;                    ///< from StartDownload to DownloadDone
+    bool doneSignalled = false;              ///< NotifyDownloadDone was emitted in this run
+    QPointer<QNetworkAccessManager> network; ///< a shared manager the run fetches through
+    /// Without a shared manager: one network manager per picture in flight (the first is the
+    /// manager's own networkManager), each with one request at a time. Qt fails every request
+    /// waiting in a manager's queue for a server when one connection to it breaks; with a
+    /// manager per picture nothing ever waits there, so no picture fails for another's sake.
+    std::vector<QNetworkAccessManager*> lanes;
+    QMetaObject::Connection networkGone; ///< to a shared manager's destroyed()
+    int next = 0;                        ///< the first entry not looked at yet
+    int ended = 0;                       ///< entries done (below next, none waiting or active)
+    QList<int> held;                     ///< entries held back behind another of their dish
     std::vector<std::unique_ptr<PictureTransfer>> active;  ///< in flight, oldest first
     std::vector<std::unique_ptr<PictureTransfer>> retired; ///< ended; freed from the event loop
+    QSet<QString> http2Origins; ///< servers that have answered a picture over HTTP/2
 
     void begin(QNetworkAccessManager* through, int from);
     void fill();
@@ -150,19 +180,10 @@ private:
     void retire(PictureTransfer& transfer);
     void step();
     bool heldBack(int index, const QSet<int>& heldIds, const QSet<QString>& heldNames) const;
+    bool serverFull(int index) const;
+    QNetworkAccessManager* laneFor(PictureTransfer& transfer);
     static QString dishName(const tagDownFileInfo& info);
 };
-
-namespace {
-
-// The folder part of an entry's dish: its cache file's name before the first "." (what the
-// filter "<base>.*" of DeleteOldFiles compares), case-folded as QDir compares it.
-QString dishNameOf(const QString& localPath)
-{
-    return QFileInfo(localPath).baseName().toCaseFolded();
-}
-
-} // namespace
 
 QString CDownloadFileMan::PictureRun::dishName(const tagDownFileInfo& info)
 {
@@ -173,11 +194,16 @@ void CDownloadFileMan::PictureRun::begin(QNetworkAccessManager* through, int fro
 {
     running = true;
     doneSignalled = false;
-    network = through;
+    const bool shared = through && through != manager.networkManager;
+    network = shared ? through : nullptr;
+    lanes.clear();
+    if (!shared && through)
+        lanes.push_back(through);
     next = ended = from;
     held.clear();
+    http2Origins.clear();
     QObject::disconnect(networkGone);
-    if (through && through != manager.networkManager)
+    if (shared)
         networkGone = connect(through, &QObject::destroyed, this, [this] { sharedNetworkGone(); });
 }
 
@@ -204,12 +230,53 @@ bool CDownloadFileMan::PictureRun::heldBack(int index, const QSet<int>& heldIds,
     const QString name = dishName(info);
     if (heldIds.contains(info.id) || heldNames.contains(name))
         return true;
-    for (const auto& transfer : active) {
-        const tagDownFileInfo& other = manager.fileList.at(transfer->index);
-        if (other.id == info.id || dishName(other) == name)
+    for (const auto& transfer : active)
+        if (transfer->id == info.id || transfer->dish == name)
             return true;
-    }
     return false;
+}
+
+bool CDownloadFileMan::PictureRun::serverFull(int index) const
+{
+    // Over HTTP/1.1 a shared manager opens a few connections to one server and queues further
+    // requests; when one of those connections breaks, it fails every request in that queue with
+    // it. So no more pictures go to one server at once than it has connections, unless it speaks
+    // HTTP/2. (The run's own managers carry one request each: nothing queues there.)
+    const QUrl url(manager.fileList.at(index).url);
+    if (!network || !isWebUrl(url))
+        return false;
+    const QString origin = originOf(url);
+    if (http2Origins.contains(origin))
+        return false;
+    int requests = 0;
+    for (const auto& transfer : active)
+        if (transfer->origin == origin)
+            ++requests;
+    return requests >= kelo_limits::PictureRequestsPerServer;
+}
+
+QNetworkAccessManager* CDownloadFileMan::PictureRun::laneFor(PictureTransfer& transfer)
+{
+    // Without a shared manager, the run's own: the transfer keeps its lane across redirects; a
+    // new one takes the first lane no picture in flight holds, made when there is none.
+    if (lanes.empty())
+        return nullptr;
+    if (transfer.lane < 0) {
+        std::vector<bool> taken(lanes.size(), false);
+        for (const auto& other : active)
+            if (other->lane >= 0)
+                taken[size_t(other->lane)] = true;
+        size_t free = 0;
+        while (free < taken.size() && taken[free])
+            ++free;
+        if (free == lanes.size()) {
+            auto* lane = new QNetworkAccessManager(&manager);
+            kelo_compat::manualRedirects(*lane);
+            lanes.push_back(lane);
+        }
+        transfer.lane = int(free);
+    }
+    return lanes[size_t(transfer.lane)];
 }
 
 void CDownloadFileMan::PictureRun::fill()
@@ -245,17 +312,24 @@ void CDownloadFileMan::PictureRun::fill()
             ++i;
             continue;
         }
+        // No room at its server: the entries after it wait too, so that they start in order.
+        if (serverFull(index))
+            return;
         held.removeAt(i);
         if (!launch(index))
             return;
     }
     while (int(active.size()) < maxInFlight && next < size) {
-        const int index = next++;
+        const int index = next;
         if (heldBack(index, heldIds, heldNames)) {
+            ++next;
             held.append(index);
             hold(index);
             continue;
         }
+        if (serverFull(index))
+            return;
+        ++next;
         if (!launch(index))
             return;
     }
@@ -263,10 +337,8 @@ void CDownloadFileMan::PictureRun::fill()
 
 bool CDownloadFileMan::PictureRun::launch(int index)
 {
-    active.push_back(std::make_unique<PictureTransfer>(index));
+    active.push_back(std::make_unique<PictureTransfer>(index, manager.fileList.at(index)));
     PictureTransfer& transfer = *active.back();
-    connect(&transfer.deadline, &QTimer::timeout, this,
-            [this, &transfer] { giveUp(transfer, " took longer than its deadline"); });
     return start(transfer);
 }
 
@@ -332,13 +404,19 @@ bool CDownloadFileMan::PictureRun::start(PictureTransfer& transfer)
     // would copy local data into the cache, so it fails like a request that could not be made.
     // So does every picture once a shared network manager has gone.
     const QUrl url(info.url);
-    if (network && isWebUrl(url)) {
+    QNetworkAccessManager* through = network ? network.data() : laneFor(transfer);
+    if (through && isWebUrl(url)) {
         if (!transfer.requested) {
             transfer.requested = true;
             transfer.plainHttpAllowed = url.scheme() == QLatin1String("http");
             transfer.started.start();
-            if (deadlineMs > 0)
-                transfer.deadline.start(deadlineMs);
+            if (deadlineMs > 0) {
+                transfer.deadline = std::make_unique<QTimer>();
+                transfer.deadline->setSingleShot(true);
+                connect(transfer.deadline.get(), &QTimer::timeout, this,
+                        [this, &transfer] { giveUp(transfer, " took longer than its deadline"); });
+                transfer.deadline->start(deadlineMs);
+            }
         }
         transfer.received = 0;
         QNetworkRequest request(url);
@@ -357,7 +435,8 @@ bool CDownloadFileMan::PictureRun::start(PictureTransfer& transfer)
         } else {
             kelo_compat::http1Only(request);
         }
-        transfer.reply = network->get(request);
+        transfer.origin = originOf(url);
+        transfer.reply = through->get(request);
     }
     if (!transfer.reply) {
         releaseFile(transfer, false);
@@ -410,8 +489,10 @@ void CDownloadFileMan::PictureRun::finished(PictureTransfer& transfer)
     const QVariant target = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
     bool redirected = target.isValid();
     // A picture cut short, given up or not fully written counts as a failed download.
-    bool failed = reply->error() != QNetworkReply::NoError || transfer.outputFailed ||
-                  !transfer.file;
+    bool failed =
+        reply->error() != QNetworkReply::NoError || transfer.outputFailed || !transfer.file;
+    if (reply->attribute(QNetworkRequest::Http2WasUsedAttribute).toBool())
+        http2Origins.insert(transfer.origin);
     tagDownFileInfo& info = manager.fileList[transfer.index];
     if (!failed && redirected) {
         // A bounded number of hops, never from https down to plain http.
@@ -472,8 +553,8 @@ void CDownloadFileMan::PictureRun::finish(int index, PictureTransfer* transfer)
             info.useCache = true;
             if (!known)
                 cached.append(m.cachedIds, info.id);
-            m.logImage(info,
-                       m.firstRun ? " is added first ==> use cache" : " is added new ==> use cache");
+            m.logImage(info, m.firstRun ? " is added first ==> use cache"
+                                        : " is added new ==> use cache");
         }
     } else if (transfer) {
         releaseFile(*transfer, false);
@@ -508,7 +589,8 @@ void CDownloadFileMan::PictureRun::retire(PictureTransfer& transfer)
 {
     // Not freed at once: this may run inside the transfer's own deadline timer or its reply's
     // signal. It waits for the next step from the event loop (or the end of the run).
-    transfer.deadline.stop();
+    if (transfer.deadline)
+        transfer.deadline->stop();
     for (auto it = active.begin(); it != active.end(); ++it) {
         if (it->get() == &transfer) {
             retired.push_back(std::move(*it));
@@ -544,7 +626,8 @@ void CDownloadFileMan::PictureRun::dropAll()
 {
     // Every download is dropped unheard and every file being written goes.
     for (auto& transfer : active) {
-        transfer->deadline.stop();
+        if (transfer->deadline)
+            transfer->deadline->stop();
         if (QNetworkReply* reply = transfer->reply) {
             reply->disconnect(&manager);
             delete reply;
@@ -744,6 +827,10 @@ void CDownloadFileMan::DownloadDone()
     PictureRun* run = pictureRun();
     run->dropAll();
     run->network = nullptr;
+    for (QNetworkAccessManager* lane : run->lanes)
+        if (lane != networkManager)
+            delete lane;
+    run->lanes.clear();
     delete networkManager;
     networkManager = nullptr;
     runPictureDirectory.clear();

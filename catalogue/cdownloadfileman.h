@@ -76,18 +76,22 @@ public:
     int pictureDeadline() const;
     /// How many pictures may be in flight at once, from the next picture started on. The
     /// default, 1, fetches them strictly one after the other in catalogue order. Values below 1
-    /// count as 1, values above 64 as 64. Over HTTP/1.1 a QNetworkAccessManager opens at most 6
-    /// connections to one server, so more than 6 only helps over HTTP/2.
+    /// count as 1, values above 64 as 64. Each picture in flight has a network manager of the
+    /// run's own (one connection); through a shared manager (setNetworkAccessManager()) at most
+    /// 6 go to one server at once unless it has answered over HTTP/2.
     void setMaxPicturesInFlight(int count);
     /// How many pictures may be in flight at once.
     int maxPicturesInFlight() const;
     /**
-     * Fetches the pictures through @p manager instead of a manager of its own made for each
-     * run; nullptr goes back to that. Takes effect at the next StartDownload(). @p manager is
-     * not owned and may be deleted at any time: the pictures in flight then fail (placeholder,
-     * no file left) and so does every picture still to fetch in that run. Redirects are still
-     * followed by this object (each request asks for manual redirects), whatever the manager's
-     * own redirect policy is.
+     * Fetches the pictures through @p manager instead of the managers of its own made for each
+     * run (one per picture in flight); nullptr goes back to those. Qt queues requests beyond its
+     * connections to a server and fails the whole queue when one of them breaks, so through a
+     * shared manager a picture cut short can, rarely, fail another that was waiting right then.
+     * Takes effect at the next StartDownload(). @p manager is not owned and may be deleted at any
+     * time: the pictures in flight then fail (placeholder, no file left), and so does every picture
+     * still to fetch, in that run and in runs started before another manager (or nullptr) is set.
+     * Redirects are still followed by this object (each request asks for manual redirects),
+     * whatever the manager's own redirect policy is.
      */
     void setNetworkAccessManager(QNetworkAccessManager* manager);
     /// The manager set with setNetworkAccessManager(), or nullptr (also once it is gone).

@@ -34,13 +34,19 @@ constexpr int PictureDeadlineMs = 120000;
 
 /// Pictures a Kelosdk menu run fetches at once (Kelosdk::setMaxPicturesInFlight). One at a time
 /// costs a full round trip per picture: on a shop's 80 ms Wi-Fi a cold menu of 100 pictures of
-/// 30 KB took 12.8 s where the link could carry it in 1.45 s. Six is what Qt opens to one server
-/// over HTTP/1.1 anyway; the requests themselves stay the same. A manager used on its own
-/// (CDownloadFileMan) keeps 1.
+/// 30 KB took 12.8 s where the link could carry it in 1.45 s. Six connections to one server is
+/// what browsers and Qt (over HTTP/1.1) allow themselves; the requests themselves stay the same.
+/// A manager used on its own (CDownloadFileMan) keeps 1.
 constexpr int DefaultSdkPicturesInFlight = 6;
 /// The most pictures one manager lets be in flight (a larger setting counts as this): each holds
 /// an open file, a reply and its buffers on a small terminal.
 constexpr int MaxPicturesInFlight = 64;
+/// Pictures in flight to one server through a shared network manager, unless the server has
+/// answered over HTTP/2: the connections Qt opens to one server over HTTP/1.1. A request beyond
+/// them would wait in Qt's queue, and when one of those connections breaks (a picture cut short)
+/// Qt fails every request in the queue with it, pictures that had nothing to do with it. (A run's
+/// own network managers carry one request each, so nothing queues there.)
+constexpr int PictureRequestsPerServer = 6;
 /// Whether the SDK's menu runs offer HTTP/2 for pictures (CDownloadFileMan::setHttp2Allowed).
 /// Off until it has been measured against the production server; HTTP/1.1 is what every server
 /// and proxy on the way has always seen.

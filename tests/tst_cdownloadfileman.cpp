@@ -9,13 +9,20 @@
 #include "testcloud.h"
 #include "testwait.h"
 
+#include <QCryptographicHash>
 #include <QDirIterator>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPointer>
 #include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
 #include <QtTest>
 
+#include <algorithm>
 #include <climits>
 #include <ctime>
 #include <utility>
@@ -65,6 +72,243 @@ QStringList tree(const QString& root)
     return entries;
 }
 
+bool setModified(const QString& path, qint64 seconds)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadWrite) &&
+           file.setFileTime(QDateTime::fromSecsSinceEpoch(seconds),
+                            QFileDevice::FileModificationTime);
+}
+
+// The menu reply for @p dishes, pictures at @p host.
+QString menuText(const QList<Dish>& dishes, const QString& host)
+{
+    QJsonArray items;
+    for (const Dish& d : dishes)
+        items.append(QJsonObject{{"item_id", d.id}, {"img_path", d.path}, {"img_crc", d.crc}});
+    const QJsonObject dt{{"img_host", host}, {"items", items}};
+    return QJsonDocument(QJsonObject{{"dt", dt}}).toJson(QJsonDocument::Compact);
+}
+
+// Hands @p reply to @p manager and starts its run.
+void startMenu(CDownloadFileMan& manager, const QString& reply)
+{
+    unsigned long long lastUpdate = 0;
+    Libcmn::parseDataFoods(reply, manager, lastUpdate);
+    manager.SetData(reply);
+    manager.StartDownload();
+}
+
+// Runs @p reply through @p manager; the menu it completed with, or how often it completed when
+// that was not once.
+QString runMenu(CDownloadFileMan& manager, const QString& reply)
+{
+    QSignalSpy complete(&manager, &CDownloadFileMan::NotifyComplete);
+    startMenu(manager, reply);
+    complete.wait(kWait);
+    QCoreApplication::processEvents(); // a second completion would be queued by now
+    if (complete.count() != 1)
+        return QStringLiteral("completed %1 times").arg(complete.count());
+    return complete[0][0].toString();
+}
+
+// The "img_path" of the first dish @p id in the menu @p text.
+QString imagePathOf(const QString& text, int id)
+{
+    for (const QJsonValue item :
+         QJsonDocument::fromJson(text.toUtf8()).object()["dt"].toObject()["items"].toArray())
+        if (item["item_id"].toInt() == id)
+            return item["img_path"].toString();
+    return "<no dish>";
+}
+
+// The scrambled menu's stamp for dish @p id in sync @p round: some pictures change in round 2.
+QString crcOf(int id, int round)
+{
+    if (id == 16)
+        return "0";
+    const bool changes = round == 2 && QList<int>{2, 5, 9, 15, 21}.contains(id);
+    return QString::number(1700000000000LL + id * 1000LL + (changes ? 500000 : 0));
+}
+
+// Every file of the picture folder: name, size, content digest and modification second (the
+// stamps are from 2023; an unstamped picture keeps the time it was written, which is left out).
+QStringList cacheFiles(const QString& images)
+{
+    const qint64 stampedBefore = 1750000000;
+    QStringList files;
+    for (const QFileInfo& info :
+         QDir(images).entryInfoList(QDir::Files | QDir::Hidden, QDir::Name)) {
+        files << QStringLiteral("%1 %2 %3 %4")
+                     .arg(info.fileName())
+                     .arg(info.size())
+                     .arg(QString::fromLatin1(QCryptographicHash::hash(readFile(info.filePath()),
+                                                                       QCryptographicHash::Md5)
+                                                  .toHex()))
+                     .arg(info.lastModified().toSecsSinceEpoch() < stampedBefore
+                              ? QString::number(info.lastModified().toSecsSinceEpoch())
+                              : QStringLiteral("written"));
+    }
+    return files;
+}
+
+// Plain http pictures on 127.0.0.1, each answered after its own delay, so that pictures asked
+// for together come back in another order. Counts the requests it holds at once (received, not
+// yet answered), overall and per dish (the name before the first "." of the path's last part).
+class PictureServer : public QObject
+{
+public:
+    enum class Fault
+    {
+        None,
+        CutMidBody, ///< half the body, then the connection closes
+        HoldMidBody ///< half the body, then nothing more
+    };
+    struct Answer
+    {
+        int status = 200;
+        QByteArray body;
+        QByteArray location;
+        int delayMs = 0;
+        Fault fault = Fault::None;
+    };
+
+    bool start()
+    {
+        connect(&server, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket* socket = server.nextPendingConnection())
+                serve(socket);
+        });
+        return server.listen(QHostAddress::LocalHost);
+    }
+    QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(server.serverPort()); }
+    void put(const QByteArray& path, const Answer& answer) { answers[path] = answer; }
+    /// Starts counting afresh; requests still held (from an earlier test) stay counted as open.
+    void reset()
+    {
+        peak = open;
+        overlaps = 0;
+        heads.clear();
+        paths.clear();
+    }
+
+    int open = 0;         ///< requests held now
+    int peak = 0;         ///< most requests held at once
+    int overlaps = 0;     ///< requests that arrived while another of their dish was held
+    QByteArrayList heads; ///< every request's head as it arrived
+    QByteArrayList paths; ///< every request's path, in order of arrival
+
+private:
+    static QByteArray dishOf(const QByteArray& path)
+    {
+        return path.mid(path.lastIndexOf('/') + 1).split('.').value(0);
+    }
+    void serve(QTcpSocket* socket)
+    {
+        auto* held = new QByteArray; // the path of the request this connection waits on
+        connect(socket, &QObject::destroyed, this, [held] { delete held; });
+        connect(socket, &QTcpSocket::disconnected, socket, [this, socket, held] {
+            release(*held);
+            held->clear();
+            pending.remove(socket);
+            socket->deleteLater();
+        });
+        connect(socket, &QTcpSocket::readyRead, socket, [this, socket, held] {
+            QByteArray& buffer = pending[socket];
+            buffer += socket->readAll();
+            const int end = buffer.indexOf("\r\n\r\n");
+            if (end < 0)
+                return;
+            const QByteArray head = buffer.left(end + 4);
+            buffer.remove(0, end + 4);
+            const QByteArray path = head.split(' ').value(1);
+            heads << head;
+            paths << path;
+            peak = qMax(peak, ++open);
+            if (dishOpen[dishOf(path)]++ > 0)
+                ++overlaps;
+            *held = path;
+            const Answer answer = answers.value(path, Answer{404, "no such picture", {}, 0, {}});
+            QPointer<QTcpSocket> alive(socket);
+            QTimer::singleShot(answer.delayMs, this, [this, alive, held, answer] {
+                if (!alive)
+                    return;
+                // A picture held mid-body stays counted until the client lets go of it.
+                if (answer.fault != Fault::HoldMidBody) {
+                    release(*held);
+                    held->clear();
+                }
+                QByteArray reply = "HTTP/1.1 " + QByteArray::number(answer.status) + " X\r\n";
+                if (!answer.location.isEmpty())
+                    reply += "Location: " + answer.location + "\r\n";
+                reply += "Content-Length: " + QByteArray::number(answer.body.size()) + "\r\n\r\n";
+                if (answer.fault == Fault::None) {
+                    alive->write(reply + answer.body);
+                    return;
+                }
+                alive->write(reply + answer.body.left(answer.body.size() / 2));
+                alive->flush();
+                if (answer.fault == Fault::CutMidBody)
+                    alive->abort();
+            });
+        });
+    }
+    void release(const QByteArray& path)
+    {
+        if (path.isEmpty())
+            return;
+        --open;
+        --dishOpen[dishOf(path)];
+    }
+
+    QHash<QByteArray, Answer> answers;
+    QHash<QByteArray, int> dishOpen;
+    QHash<QTcpSocket*, QByteArray> pending;
+    QTcpServer server; // last: its connections go first, while the counts above still exist
+};
+
+// A network manager that counts the replies it has out (made, not yet finished).
+class CountingNetwork : public QNetworkAccessManager
+{
+public:
+    int open = 0;
+    int peak = 0;
+
+protected:
+    QNetworkReply* createRequest(Operation op, const QNetworkRequest& request,
+                                 QIODevice* body) override
+    {
+        QNetworkReply* reply = QNetworkAccessManager::createRequest(op, request, body);
+        peak = qMax(peak, ++open);
+        connect(reply, &QNetworkReply::finished, this, [this] { --open; });
+        return reply;
+    }
+};
+
+// "<text before>fetched: <paths>" with the paths sorted: several pictures in flight are asked
+// for in no fixed order.
+QString sortedFetched(const QString& text)
+{
+    const int at = text.lastIndexOf("fetched:");
+    if (at < 0)
+        return text;
+    QStringList paths = text.mid(at + 8).split(' ', Qt::SkipEmptyParts);
+    paths.sort();
+    return text.left(at) + "fetched:" + (paths.isEmpty() ? QString() : ' ' + paths.join(' '));
+}
+
+/// What one manager made of the scrambled menu in two syncs.
+struct ScrambledRun
+{
+    QStringList menus;     ///< NotifyComplete's text, each sync
+    QStringList files;     ///< the picture folder after each sync (cacheFiles())
+    QByteArrayList heads;  ///< every request's head, sorted
+    QStringList dishOrder; ///< each sync: the requests for dish 5, then for dish 9, in order
+    int serverPeak = 0;    ///< most requests the server held at once
+    int clientPeak = 0;    ///< most replies out at once
+    int overlaps = 0;      ///< requests for a dish while another of it was held
+};
+
 } // namespace
 
 class TestDownloadFileMan : public QObject
@@ -74,8 +318,12 @@ class TestDownloadFileMan : public QObject
     const QString images = data.images();
     TestCloud cloud;
     QTcpServer plain; // plain http on 127.0.0.1: no picture may be fetched from it
+    PictureServer pictures;
+    ScrambledRun oneAtATime[2]; // the scrambled menu one picture at a time (own, shared manager)
 
     QString sync(CDownloadFileMan& manager, const QList<Dish>& dishes, QString host = QString());
+    QString render(const QString& menu) const;
+    ScrambledRun scrambledRun(int inFlight, bool shared);
 
 private Q_SLOTS:
     void initTestCase()
@@ -83,6 +331,7 @@ private Q_SLOTS:
         QVERIFY(data.isValid());
         QVERIFY(cloud.start());
         QVERIFY(plain.listen(QHostAddress::LocalHost));
+        QVERIFY(pictures.start());
     }
     void init()
     {
@@ -175,25 +424,37 @@ private Q_SLOTS:
     // left; a redirect is followed hop by hop, each time to the target as given.
     void pictureOutcome_data()
     {
+        QTest::addColumn<int>("inFlight");
         QTest::addColumn<CloudReply>("answer");
         QTest::addColumn<QString>("menu");
         QTest::addColumn<QString>("url"); // of the entry afterwards
         QTest::addColumn<QByteArray>("content");
-        const QString base = cloud.baseUrl(), failed = "placeholder\n6.png\nfetched: /img/5.png";
-        const CloudReply slow{200, "new", {}, 400, {}};
-        QTest::newRow("slow but whole") << slow << "5.png\n6.png\nfetched: /img/5.png /img/6.png"
-                                        << base + "/img/5.png" << QByteArray("new");
-        QTest::newRow("not found")
-            << CloudReply{404, "not found", {}, 0, {}} << failed + " /img/6.png"
-            << base + "/img/5.png" << QByteArray("<missing>");
-        const CloudReply cut{
-            200, picture({5, "/img/5.png"}), {}, 0, CloudReply::Fault::ResetMidBody};
-        QTest::newRow("cut mid-body")
-            << cut << failed + " /img/6.png" << base + "/img/5.png" << QByteArray("<missing>");
-        const CloudReply hop{302, {}, {{"Location", (base + "/img/hop.png").toUtf8()}}, 0, {}};
-        QTest::newRow("two redirects")
-            << hop << "5.png\n6.png\nfetched: /img/5.png /img/hop.png /img/moved.png /img/6.png"
-            << base + "/img/moved.png" << QByteArray("moved");
+        const auto row = [](int inFlight, const char* tag) -> QTestData& {
+            return QTest::newRow(inFlight == 1 ? tag
+                                               : qPrintable(QStringLiteral("%1, %2 in flight")
+                                                                .arg(QLatin1String(tag))
+                                                                .arg(inFlight)))
+                   << inFlight;
+        };
+        for (const int inFlight : {1, 3}) {
+            const QString base = cloud.baseUrl(),
+                          failed = "placeholder\n6.png\nfetched: /img/5.png";
+            const CloudReply slow{200, "new", {}, 400, {}};
+            row(inFlight, "slow but whole")
+                << slow << "5.png\n6.png\nfetched: /img/5.png /img/6.png" << base + "/img/5.png"
+                << QByteArray("new");
+            row(inFlight, "not found")
+                << CloudReply{404, "not found", {}, 0, {}} << failed + " /img/6.png"
+                << base + "/img/5.png" << QByteArray("<missing>");
+            const CloudReply cut{
+                200, picture({5, "/img/5.png"}), {}, 0, CloudReply::Fault::ResetMidBody};
+            row(inFlight, "cut mid-body")
+                << cut << failed + " /img/6.png" << base + "/img/5.png" << QByteArray("<missing>");
+            const CloudReply hop{302, {}, {{"Location", (base + "/img/hop.png").toUtf8()}}, 0, {}};
+            row(inFlight, "two redirects")
+                << hop << "5.png\n6.png\nfetched: /img/5.png /img/hop.png /img/moved.png /img/6.png"
+                << base + "/img/moved.png" << QByteArray("moved");
+        }
     }
     void pictureOutcome()
     {
@@ -204,8 +465,12 @@ private Q_SLOTS:
         const QByteArray moved = (cloud.baseUrl() + "/img/moved.png").toUtf8();
         cloud->scriptReply("/img/hop.png", {}, CloudReply{302, {}, {{"Location", moved}}, 0, {}});
         cloud->putFile("/img/moved.png", "moved");
+        QFETCH(int, inFlight);
+        QFETCH(QString, menu);
         CDownloadFileMan manager(false, nullptr);
-        QTEST(sync(manager, {{5, "/img/5.png"}, {6, "/img/6.png", "0"}}), "menu");
+        manager.setMaxPicturesInFlight(inFlight);
+        QCOMPARE(sync(manager, {{5, "/img/5.png"}, {6, "/img/6.png", "0"}}),
+                 inFlight > 1 ? sortedFetched(menu) : menu);
         QTEST(manager.GetListFile().value(0).url, "url");
         QCOMPARE(readFile(images + "/5.png"), content);
     }
@@ -215,6 +480,7 @@ private Q_SLOTS:
     // completes once.
     void pictureLimits_data()
     {
+        QTest::addColumn<int>("inFlight");
         QTest::addColumn<int>("hops");
         QTest::addColumn<QByteArray>("firstTarget"); // empty: the next hop on this server
         QTest::addColumn<int>("delay");
@@ -224,55 +490,66 @@ private Q_SLOTS:
         QTest::addColumn<QString>("menu");
         QTest::addColumn<QStringList>("after");
         QTest::addColumn<QString>("why"); // the debug line that gives the picture up
-        const auto chain = [](int hops) {
-            QString fetched = "fetched: /img/5.png";
-            for (int i = 1; i <= hops; ++i)
-                fetched += QStringLiteral(" /img/r%1.png").arg(i);
-            return fetched;
+        const auto row = [](int inFlight, const char* tag) -> QTestData& {
+            return QTest::newRow(inFlight == 1 ? tag
+                                               : qPrintable(QStringLiteral("%1, %2 in flight")
+                                                                .arg(QLatin1String(tag))
+                                                                .arg(inFlight)))
+                   << inFlight;
         };
-        const QString failed = "placeholder\n6.png\n";
-        const QStringList six{"/6.png 4096"}, both{"/5.png 5", "/6.png 4096"};
-        const CloudReply served{0, {}, {}, 0, {}};
-        QTest::newRow("5 redirects")
-            << 5 << QByteArray() << 0 << served << qint64(0) << 0
-            << "5.png\n6.png\n" + chain(5) + " /img/6.png" << both << QString("");
-        QTest::newRow("6 redirects")
-            << 6 << QByteArray() << 0 << served << qint64(0) << 0
-            << failed + chain(5) + " /img/6.png" << six << QString("was redirected too often");
-        QTest::newRow("redirect loop")
-            << -1 << QByteArray() << 0 << served << qint64(0) << 0
-            << failed + "fetched:" + QString(" /img/5.png").repeated(6) + " /img/6.png" << six
-            << QString("was redirected too often");
-        QTest::newRow("https to plain http")
-            << 1 << QStringLiteral("http://127.0.0.1:%1/img/5.png").arg(plain.serverPort()).toUtf8()
-            << 0 << served << qint64(0) << 0 << failed + chain(0) + " /img/6.png" << six
-            << QString("was redirected to a less safe address");
-        CloudReply big{200, {}, {}, 0, {}};
-        big.streamBytes = 4097;
-        QTest::newRow("length over the cap") << 0 << QByteArray() << 0 << big << qint64(4096) << 0
-                                             << failed + chain(0) + " /img/6.png" << six
-                                             << QString("announces more bytes than the cap");
-        big.chunked = true;
-        QTest::newRow("chunked over the cap")
-            << 0 << QByteArray() << 0 << big << qint64(4096) << 0
-            << failed + chain(0) + " /img/6.png" << six << QString("is longer than the cap");
-        big.streamBytes = 4096;
-        const QStringList atCap{"/5.png 4096", "/6.png 4096"};
-        QTest::newRow("chunked at the cap")
-            << 0 << QByteArray() << 0 << big << qint64(4096) << 0
-            << "5.png\n6.png\n" + chain(0) + " /img/6.png" << atCap << QString("");
-        big.chunked = false;
-        QTest::newRow("length at the cap")
-            << 1 << QByteArray() << 0 << big << qint64(4096) << 0
-            << "5.png\n6.png\n" + chain(1) + " /img/6.png" << atCap << QString("");
-        const CloudReply late{200, "late", {}, 3000, {}};
-        QTest::newRow("deadline") << 0 << QByteArray() << 0 << late << qint64(0) << 500
-                                  << failed + chain(0) + " /img/6.png" << six
-                                  << QString("took longer than its deadline");
-        // Each answer well within the deadline, the picture as a whole not.
-        QTest::newRow("deadline across redirects")
-            << 3 << QByteArray() << 1500 << served << qint64(0) << 2500
-            << failed + chain(1) + " /img/6.png" << six << QString("took longer than its deadline");
+        for (const int inFlight : {1, 3}) {
+            const auto chain = [](int hops) {
+                QString fetched = "fetched: /img/5.png";
+                for (int i = 1; i <= hops; ++i)
+                    fetched += QStringLiteral(" /img/r%1.png").arg(i);
+                return fetched;
+            };
+            const QString failed = "placeholder\n6.png\n";
+            const QStringList six{"/6.png 4096"}, both{"/5.png 5", "/6.png 4096"};
+            const CloudReply served{0, {}, {}, 0, {}};
+            row(inFlight, "5 redirects")
+                << 5 << QByteArray() << 0 << served << qint64(0) << 0
+                << "5.png\n6.png\n" + chain(5) + " /img/6.png" << both << QString("");
+            row(inFlight, "6 redirects")
+                << 6 << QByteArray() << 0 << served << qint64(0) << 0
+                << failed + chain(5) + " /img/6.png" << six << QString("was redirected too often");
+            row(inFlight, "redirect loop")
+                << -1 << QByteArray() << 0 << served << qint64(0) << 0
+                << failed + "fetched:" + QString(" /img/5.png").repeated(6) + " /img/6.png" << six
+                << QString("was redirected too often");
+            row(inFlight, "https to plain http")
+                << 1
+                << QStringLiteral("http://127.0.0.1:%1/img/5.png").arg(plain.serverPort()).toUtf8()
+                << 0 << served << qint64(0) << 0 << failed + chain(0) + " /img/6.png" << six
+                << QString("was redirected to a less safe address");
+            CloudReply big{200, {}, {}, 0, {}};
+            big.streamBytes = 4097;
+            row(inFlight, "length over the cap") << 0 << QByteArray() << 0 << big << qint64(4096)
+                                                 << 0 << failed + chain(0) + " /img/6.png" << six
+                                                 << QString("announces more bytes than the cap");
+            big.chunked = true;
+            row(inFlight, "chunked over the cap")
+                << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+                << failed + chain(0) + " /img/6.png" << six << QString("is longer than the cap");
+            big.streamBytes = 4096;
+            const QStringList atCap{"/5.png 4096", "/6.png 4096"};
+            row(inFlight, "chunked at the cap")
+                << 0 << QByteArray() << 0 << big << qint64(4096) << 0
+                << "5.png\n6.png\n" + chain(0) + " /img/6.png" << atCap << QString("");
+            big.chunked = false;
+            row(inFlight, "length at the cap")
+                << 1 << QByteArray() << 0 << big << qint64(4096) << 0
+                << "5.png\n6.png\n" + chain(1) + " /img/6.png" << atCap << QString("");
+            const CloudReply late{200, "late", {}, 3000, {}};
+            row(inFlight, "deadline") << 0 << QByteArray() << 0 << late << qint64(0) << 500
+                                      << failed + chain(0) + " /img/6.png" << six
+                                      << QString("took longer than its deadline");
+            // Each answer well within the deadline, the picture as a whole not.
+            row(inFlight, "deadline across redirects")
+                << 3 << QByteArray() << 1500 << served << qint64(0) << 2500
+                << failed + chain(1) + " /img/6.png" << six
+                << QString("took longer than its deadline");
+        }
     }
     void pictureLimits()
     {
@@ -302,12 +579,16 @@ private Q_SLOTS:
         }
         QSignalSpy plainConnections(&plain, &QTcpServer::newConnection);
         LogCapture log;
+        QFETCH(int, inFlight);
+        QFETCH(QString, menu);
         CDownloadFileMan manager(true, nullptr);
+        manager.setMaxPicturesInFlight(inFlight);
         if (cap)
             manager.setMaxFileSize(cap);
         if (deadline)
             manager.setPictureDeadline(deadline);
-        QTEST(sync(manager, {{5, "/img/5.png", "0"}, {6, "/img/6.png", "0"}}), "menu");
+        QCOMPARE(sync(manager, {{5, "/img/5.png", "0"}, {6, "/img/6.png", "0"}}),
+                 inFlight > 1 ? sortedFetched(menu) : menu);
         QTEST(tree(images), "after");
         QCOMPARE(plainConnections.count() + int(plain.hasPendingConnections()), 0);
         QFETCH(QString, why);
@@ -464,6 +745,140 @@ private Q_SLOTS:
         QCOMPARE(sync(manager, {{7, path, "0"}}, host), "placeholder\nfetched:");
         QCOMPARE(tree(data.root()), before);
     }
+    // The scrambled menu synced cold, then again with some pictures changed, by one manager with
+    // `inFlight` pictures at once, through its own network managers or a shared one (that counts
+    // its replies): menus and cache files are those of the one-at-a-time run, byte for byte, and
+    // so are the requests. The server never holds more requests than there are pictures in
+    // flight and holds that many at some point; through a shared manager, no more than 6 (Qt's
+    // HTTP/1.1 connections to one server). The pictures of one dish never overlap and keep their
+    // catalogue order.
+    void severalInFlightMatchOneAtATime_data()
+    {
+        QTest::addColumn<int>("inFlight");
+        QTest::addColumn<bool>("shared");
+        QTest::newRow("1") << 1 << false;
+        QTest::newRow("3") << 3 << false;
+        QTest::newRow("6") << 6 << false;
+        QTest::newRow("16") << 16 << false;
+        QTest::newRow("1, shared manager") << 1 << true;
+        QTest::newRow("3, shared manager") << 3 << true;
+        QTest::newRow("16, shared manager") << 16 << true;
+    }
+    void severalInFlightMatchOneAtATime()
+    {
+        QFETCH(int, inFlight);
+        QFETCH(bool, shared);
+        ScrambledRun& one = oneAtATime[shared];
+        if (one.menus.isEmpty())
+            one = scrambledRun(1, shared);
+        const ScrambledRun run = scrambledRun(inFlight, shared);
+        QCOMPARE(run.menus.size(), 2);
+        QCOMPARE(run.menus.size(), one.menus.size());
+        for (int i = 0; i < run.menus.size(); ++i)
+            QCOMPARE(render(run.menus[i]), render(one.menus[i]));
+        QCOMPARE(run.menus, one.menus);
+        QCOMPARE(run.files, one.files);
+        QCOMPARE(run.heads, one.heads);
+        QCOMPARE(run.dishOrder, one.dishOrder);
+        QCOMPARE(run.overlaps, 0);
+        if (shared) {
+            // Beyond its connections Qt would queue them, and fail the whole queue when one
+            // connection breaks.
+            QCOMPARE(run.serverPeak, qMin(inFlight, 6));
+            QCOMPARE(run.clientPeak, qMin(inFlight, 6));
+        } else {
+            QCOMPARE(run.serverPeak, inFlight);
+        }
+        // Failed among others in flight: placeholder, no file.
+        for (const int failed : shared ? QList<int>{13} : QList<int>{13, 14}) {
+            QCOMPARE(imagePathOf(run.menus[0], failed), "qrc:/icons/images/defaultfood.png");
+            QVERIFY(run.files.filter(QRegularExpression(QStringLiteral("^%1\\.").arg(failed)))
+                        .isEmpty());
+        }
+    }
+    // HTTP/2 allowed against a server that only speaks HTTP/1.1: the pictures come as before.
+    void http2AllowedFallsBackToHttp1()
+    {
+        CDownloadFileMan manager(false, nullptr);
+        QVERIFY(!manager.http2Allowed());
+        manager.setHttp2Allowed(true);
+        manager.setMaxPicturesInFlight(3);
+        QCOMPARE(sync(manager, {{1, "/img/1.png"}, {2, "/img/2.png"}, {3, "/img/3.png"}}),
+                 "1.png\n2.png\n3.png\nfetched: /img/1.png /img/2.png /img/3.png");
+        QCOMPARE(readFile(images + "/2.png"), picture({2, "/img/2.png"}));
+    }
+    // A manager deleted with several pictures half-way drops them all: no file is left, the
+    // server sees every request go, and nothing completes.
+    void managerDeletedMidRun_data()
+    {
+        QTest::addColumn<bool>("shared");
+        QTest::newRow("its own network manager") << false;
+        QTest::newRow("a shared network manager") << true;
+    }
+    void managerDeletedMidRun()
+    {
+        QFETCH(bool, shared);
+        QList<Dish> dishes;
+        for (int id = 41; id <= 46; ++id) {
+            dishes << Dish{id, QStringLiteral("/img/%1.png").arg(id)};
+            pictures.put(dishes.last().path.toUtf8(),
+                         {200, picture(dishes.last()), {}, 0, PictureServer::Fault::HoldMidBody});
+        }
+        QNetworkAccessManager network;
+        auto* manager = new CDownloadFileMan(false, nullptr);
+        manager->setMaxPicturesInFlight(4);
+        if (shared)
+            manager->setNetworkAccessManager(&network);
+        bool completed = false;
+        connect(manager, &CDownloadFileMan::NotifyComplete, this,
+                [&completed] { completed = true; });
+        pictures.reset();
+        startMenu(*manager, menuText(dishes, pictures.base()));
+        QTRY_COMPARE_WITH_TIMEOUT(pictures.open, 4, kWait);
+        QTRY_COMPARE_WITH_TIMEOUT(tree(images).size(), 4, kWait);
+        delete manager;
+        QCOMPARE(tree(images), QStringList());
+        QTRY_COMPARE_WITH_TIMEOUT(pictures.open, 0, kWait);
+        QCoreApplication::processEvents();
+        QVERIFY(!completed);
+        QCOMPARE(pictures.paths.size(), 4);
+    }
+    // A shared network manager deleted during a run: the pictures in flight fail, and so does
+    // every one still to fetch; nothing partial stays and the run completes once.
+    void sharedNetworkGoneMidRun()
+    {
+        QList<Dish> dishes;
+        for (int id = 51; id <= 56; ++id) {
+            dishes << Dish{id, QStringLiteral("/img/%1.png").arg(id)};
+            const bool held = id >= 52 && id <= 54;
+            pictures.put(dishes.last().path.toUtf8(),
+                         {200,
+                          picture(dishes.last()),
+                          {},
+                          held ? 0 : 20,
+                          held ? PictureServer::Fault::HoldMidBody : PictureServer::Fault::None});
+        }
+        auto* network = new QNetworkAccessManager;
+        CDownloadFileMan manager(false, nullptr);
+        manager.setMaxPicturesInFlight(3);
+        manager.setNetworkAccessManager(network);
+        QCOMPARE(manager.networkAccessManager(), network);
+        QSignalSpy complete(&manager, &CDownloadFileMan::NotifyComplete);
+        pictures.reset();
+        startMenu(manager, menuText(dishes, pictures.base()));
+        QTRY_VERIFY_WITH_TIMEOUT(pictures.open == 3 && tree(images).contains("/51.png 4096"),
+                                 kWait);
+        delete network;
+        QVERIFY(complete.wait(kWait));
+        QCoreApplication::processEvents();
+        QCOMPARE(complete.count(), 1);
+        QCOMPARE(render(complete[0][0].toString()),
+                 "51.png\nplaceholder\nplaceholder\nplaceholder\nplaceholder\nplaceholder");
+        QCOMPARE(tree(images), QStringList("/51.png 4096"));
+        QCOMPARE(manager.networkAccessManager(), nullptr);
+        QTRY_COMPARE_WITH_TIMEOUT(pictures.open, 0, kWait);
+        QCOMPARE(pictures.paths.size(), 4);
+    }
 };
 
 // Serves the dishes' pictures, runs one sync of their menu and renders the outcome: per dish the
@@ -473,24 +888,27 @@ private Q_SLOTS:
 QString TestDownloadFileMan::sync(CDownloadFileMan& manager, const QList<Dish>& dishes,
                                   QString host)
 {
-    QJsonArray items;
-    for (const Dish& d : dishes) {
-        items.append(QJsonObject{{"item_id", d.id}, {"img_path", d.path}, {"img_crc", d.crc}});
+    for (const Dish& d : dishes)
         cloud->putFile(d.path.toUtf8(), picture(d));
-    }
-    const QJsonObject dt{{"img_host", host.isEmpty() ? cloud.baseUrl() : host}, {"items", items}};
-    const QString reply = QJsonDocument(QJsonObject{{"dt", dt}}).toJson(QJsonDocument::Compact);
+    const QString reply = menuText(dishes, host.isEmpty() ? cloud.baseUrl() : host);
     cloud->clearExchanges();
-    QSignalSpy complete(&manager, &CDownloadFileMan::NotifyComplete);
-    unsigned long long lastUpdate = 0;
-    Libcmn::parseDataFoods(reply, manager, lastUpdate);
-    manager.SetData(reply);
-    manager.StartDownload();
-    complete.wait(kWait);
-    QCoreApplication::processEvents(); // a second completion would be queued by now
-    if (complete.count() != 1)
-        return QStringLiteral("completed %1 times").arg(complete.count());
-    const QString text = complete[0][0].toString(), cached = "file:///" + images + '/';
+    const QString text = runMenu(manager, reply);
+    if (text.startsWith("completed "))
+        return text;
+    QString fetched = "fetched:";
+    for (const kelocloud::CloudExchange& e : cloud->exchanges("/img"))
+        fetched += ' ' + QString::fromUtf8(e.path);
+    const QString menu = render(text);
+    const QString outcome = menu.isEmpty() ? fetched : menu + '\n' + fetched;
+    // Several pictures in flight are asked for in no fixed order.
+    return manager.maxPicturesInFlight() > 1 ? sortedFetched(outcome) : outcome;
+}
+
+// Per dish of the menu @p text: the cached file's name (for "file:///<picture folder>/<name>")
+// or "placeholder", with " uncached" for an "img_cache" of false.
+QString TestDownloadFileMan::render(const QString& text) const
+{
+    const QString cached = "file:///" + images + '/';
     QStringList lines;
     for (const QJsonValue item :
          QJsonDocument::fromJson(text.toUtf8()).object()["dt"].toObject()["items"].toArray()) {
@@ -500,10 +918,77 @@ QString TestDownloadFileMan::sync(CDownloadFileMan& manager, const QList<Dish>& 
                                                              : path;
         lines << path + (item["img_cache"].toBool() ? "" : " uncached");
     }
-    QString fetched = "fetched:";
-    for (const kelocloud::CloudExchange& e : cloud->exchanges("/img"))
-        fetched += ' ' + QString::fromUtf8(e.path);
-    return (lines << fetched).join('\n');
+    return lines.join('\n');
+}
+
+// The scrambled menu: dishes 1 to 30 with dish 5 three times (as 5.jpg, then twice as 5.png)
+// and dish 9 twice; 13 is not found, 14 is cut mid-body (unless @p shared), 15 redirected, 16
+// has no stamp. Every
+// picture is answered after 20 to 80 ms, in an order of its own. The folder holds another
+// picture of dish 3 (goes), dish 4 as it is (kept) and dish 7 of another second (fetched
+// again). Synced cold, then with dishes 2, 5, 9, 15 and 21 changed, by one manager.
+ScrambledRun TestDownloadFileMan::scrambledRun(int inFlight, bool shared)
+{
+    ScrambledRun run;
+    QDir(images).removeRecursively();
+    if (!QDir().mkpath(images) || !writeFile(images + "/3.jpg", "old three") ||
+        !writeFile(images + "/4.png", "cached four") || !writeFile(images + "/7.png", "old") ||
+        !setModified(images + "/4.png", crcOf(4, 1).toLongLong() / 1000) ||
+        !setModified(images + "/7.png", 1600000000))
+        return run;
+    CountingNetwork network;
+    CDownloadFileMan manager(false, nullptr);
+    manager.setMaxPicturesInFlight(inFlight);
+    if (shared)
+        manager.setNetworkAccessManager(&network);
+    const QString base = pictures.base();
+    for (int round = 1; round <= 2; ++round) {
+        QList<Dish> dishes;
+        for (int id = 1; id <= 30; ++id) {
+            dishes << Dish{id, QStringLiteral("/img/%1.png").arg(id), crcOf(id, round)};
+            if (id == 3)
+                dishes << Dish{5, "/img/5.jpg", crcOf(5, round)};
+            if (id == 10)
+                dishes << Dish{5, "/img/5.png", crcOf(5, round)};
+            if (id == 20)
+                dishes << Dish{9, "/img/9.png", crcOf(9, round)};
+        }
+        for (const Dish& d : dishes) {
+            const QByteArray path = d.path.toUtf8();
+            int sum = 0;
+            for (const char c : path)
+                sum += c;
+            PictureServer::Answer answer{200, picture(d), {}, 20 + (sum * 7 % 6) * 12, {}};
+            if (d.id == 13)
+                answer.status = 404;
+            // Through a shared manager, a picture cut short can take down requests still waiting
+            // in Qt's queue for the server: that is left to the runs of its own managers.
+            if (d.id == 14 && !shared)
+                answer.fault = PictureServer::Fault::CutMidBody;
+            if (d.id == 15) {
+                pictures.put("/img/moved-15.png", answer);
+                answer = {302, {}, (base + "/img/moved-15.png").toUtf8(), 30, {}};
+            }
+            pictures.put(path, answer);
+        }
+        pictures.reset();
+        network.peak = 0;
+        run.menus << runMenu(manager, menuText(dishes, base));
+        run.files << QStringLiteral("-- sync %1").arg(round) << cacheFiles(images);
+        run.heads << pictures.heads;
+        for (const QByteArray dish : {"/img/5.", "/img/9."}) {
+            QByteArrayList ofDish;
+            for (const QByteArray& path : pictures.paths)
+                if (path.startsWith(dish))
+                    ofDish << path;
+            run.dishOrder << QString::fromUtf8(ofDish.join(' '));
+        }
+        run.serverPeak = qMax(run.serverPeak, pictures.peak);
+        run.clientPeak = qMax(run.clientPeak, network.peak);
+        run.overlaps += pictures.overlaps;
+    }
+    std::sort(run.heads.begin(), run.heads.end());
+    return run;
 }
 
 QTEST_GUILESS_MAIN(TestDownloadFileMan)

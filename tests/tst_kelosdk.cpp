@@ -7,7 +7,11 @@
 #include "sdkkinds.h"
 #include "signalrecorder.h"
 
+#include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPointer>
 #include <QRegularExpression>
 
@@ -46,6 +50,8 @@ private Q_SLOTS:
     void sendsEachKindOneAtATime_data();
     void sendsEachKindOneAtATime();
     void menuStaysBusyUntilThePicturesAreThrough();
+    void menuPicturesInFlight_data();
+    void menuPicturesInFlight();
     void lateAnswersAfterAResetAreNotReported_data();
     void lateAnswersAfterAResetAreNotReported();
     void logsOnlyWhenAskedAndSignalsAlike();
@@ -177,6 +183,49 @@ void TestKelosdk::menuStaysBusyUntilThePicturesAreThrough()
     QCOMPARE(seen.fired(), (QStringList{"networkError x1", "keloappError x1", "foodsRequestDone x1",
                                         "foodOrderRequestDone x1"}));
     QCOMPARE(f.cloud->exchanges("/kelo/api/item/", QStringLiteral("getlist")).size(), 2);
+}
+
+// The SDK's menu runs keep as many pictures in flight as set (6 by default): with pictures that
+// never arrive, that many requests reach the server and no more; the host's reset drops them.
+void TestKelosdk::menuPicturesInFlight_data()
+{
+    QTest::addColumn<int>("setting"); // -1: left at the default
+    QTest::addColumn<int>("requests");
+    QTest::newRow("default") << -1 << 6;
+    QTest::newRow("2") << 2 << 2;
+    QTest::newRow("0 counts as 1") << 0 << 1;
+}
+
+void TestKelosdk::menuPicturesInFlight()
+{
+    QFETCH(int, setting);
+    QFETCH(int, requests);
+    Kelosdk& sdk = f.newSdk();
+    QCOMPARE(sdk.maxPicturesInFlight(), 6);
+    if (setting >= 0)
+        sdk.setMaxPicturesInFlight(setting);
+    QJsonArray items;
+    for (int id = 61; id <= 70; ++id)
+        items.append(QJsonObject{{"img_crc", "1700000000123"},
+                                 {"img_path", QStringLiteral("/pics/held%1.png").arg(id)},
+                                 {"item_id", id}});
+    const QJsonObject dt{{"img_host", f.cloud.baseUrl()}, {"items", items}};
+    f.cloud->scriptReply(
+        "/kelo/api/item/", QStringLiteral("getlist"),
+        replyWith(
+            QJsonDocument(QJsonObject{{"dt", dt}, {"err", 0}}).toJson(QJsonDocument::Compact)));
+    f.cloud->scriptReply("/pics/held", QString(), faultReply(CloudReply::Fault::NeverAnswer), 10);
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+
+    sdk.foodsRequest();
+    QVERIFY(f.waitExchanges("/pics/held", QString(), requests));
+    QTest::qWait(300); // room for one request too many
+    QCOMPARE(f.cloud->exchanges("/pics/held").size(), requests);
+    sdk.onNetworkError(99, QStringLiteral("host gave up"));
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); // the run is released
+    const QString images = QFileInfo(cachedPicture()).absolutePath();
+    QCOMPARE(QDir(images).entryList({"6?.png", "70.png"}, QDir::Files), QStringList());
+    QCOMPARE(seen.fired(), QStringList{"networkError x1"});
 }
 
 void TestKelosdk::lateAnswersAfterAResetAreNotReported_data()
