@@ -53,7 +53,7 @@ struct LinkProfile
 constexpr LinkProfile Profiles[] = {{"wifi", 80, 20, 20},
                                     {"4g", 150, 1.6, 0.75},
                                     {"lossy-wifi", 80, 20, 20},
-                                    {"lan", 0.2, 1000, 1000}};
+                                    {"lan", 1, 1000, 1000}};
 
 const LinkProfile* findProfile(const QString& name)
 {
