@@ -15,7 +15,8 @@
 //   kelo_bench --scale-size N                  (one size of --scale; prints one JSON line)
 //   kelo_bench --idle-sdk N [--cloud-exe PATH] (the SDK alone idling N s against kelo-cloud
 //                                               run as another process; prints one JSON line)
-//   kelo_bench --link PROFILE [--dishes N] [--what request,cold,warm,pictures,channel,outage]
+//   kelo_bench --link PROFILE [--dishes N] [--what
+//   request,cold,cold-one,warm,pictures,channel,outage]
 //              [--cold-runs N] [--outage-seconds S] [--json FILE]
 //                                              (on the network lab's terminal side, against
 //                                               KELO_LAB_API; merges its rows into FILE)
