@@ -388,7 +388,8 @@ QList<LinkRow> LinkBench::coldSync(int runs, bool alsoOne)
 {
     int dishes = 0;
     const int defaultInFlight = picturesInFlight(*sdk);
-    const bool hasInFlight = setPicturesInFlight(*sdk, defaultInFlight) && alsoOne;
+    const bool hasInFlight = setPicturesInFlight(*sdk, defaultInFlight);
+    const bool withOne = hasInFlight && alsoOne;
     std::vector<double> sdkDefault, sdkOne, byHand;
     qint64 bytes = 0;
     QStringList problems;
@@ -405,7 +406,7 @@ QList<LinkRow> LinkBench::coldSync(int runs, bool alsoOne)
     };
     for (int i = 0; i < runs; ++i) {
         byHand.push_back(handFoods(&bytes, &dishes));
-        if (hasInFlight) {
+        if (withOne) {
             setPicturesInFlight(*sdk, 1);
             sdkCold(sdkOne);
             setPicturesInFlight(*sdk, defaultInFlight);
@@ -433,7 +434,7 @@ QList<LinkRow> LinkBench::coldSync(int runs, bool alsoOne)
         main.note += QStringLiteral("; ") + problems.join(QStringLiteral(", "));
     }
     QList<LinkRow> rows{main};
-    if (hasInFlight) {
+    if (withOne) {
         LinkRow one = main;
         one.figure = QStringLiteral("cold menu sync, %1, SDK 1 in flight").arg(size);
         one.sdk = median(sdkOne);
