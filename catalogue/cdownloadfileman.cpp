@@ -458,6 +458,13 @@ void CDownloadFileMan::PictureRun::readyRead(PictureTransfer& transfer)
     QNetworkReply* reply = transfer.reply;
     if (!reply || !transfer.file || transfer.outputFailed)
         return;
+    // A server that answers over HTTP/2 takes every picture at once on one connection: known
+    // from the first answer's headers, the pictures held back for it start from the event loop.
+    if (network && !http2Origins.contains(transfer.origin) &&
+        reply->attribute(QNetworkRequest::Http2WasUsedAttribute).toBool()) {
+        http2Origins.insert(transfer.origin);
+        emit manager.NotifyDownloadNextFile();
+    }
     if (capBytes > 0) {
         // Announced, or counted as it comes (a chunked answer announces nothing).
         bool known = false;
