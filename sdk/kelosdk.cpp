@@ -96,12 +96,14 @@ QNetworkAccessManager* KelosdkPrivate::pictureNetwork()
 void KelosdkPrivate::trackRequest(HttpBase* request)
 {
     kelo_detail::sendThrough(*request, network());
+    request->setIdleTimeout(requestIdleMs);
     track(request);
 }
 
 void KelosdkPrivate::trackRequest(HttpBase2* request)
 {
     kelo_detail::sendThrough(*request, network());
+    request->setIdleTimeout(requestIdleMs);
     track(request);
 }
 
@@ -187,6 +189,16 @@ void Kelosdk::setMaxReplySize(qint64 bytes)
 qint64 Kelosdk::maxReplySize() const
 {
     return d->maxReplyBytes;
+}
+
+void Kelosdk::setRequestIdleTimeout(int ms)
+{
+    d->requestIdleMs = qMax(0, ms);
+}
+
+int Kelosdk::requestIdleTimeout() const
+{
+    return d->requestIdleMs;
 }
 
 void Kelosdk::setMaxPictureSize(qint64 bytes)
