@@ -4,7 +4,8 @@
 #   native     build into _build/tests (warnings are errors, a random signing key) and run ctest
 #   netlab     the SDK across the network lab's wire (tools/netlab/lab.sh): every request kind on
 #              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
-#              under a request, a silent outage; functional checks, no timings (the native
+#              under a request, a silent outage (and a request sent into a 30 s one ending on its
+#              deadline, the channel back within seconds); functional checks, no timings (the native
 #              stage's build, or _build/netlab when run alone)
 #   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
@@ -67,11 +68,18 @@ netlab() {
         cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
             -DKELO_BUILD_EXAMPLES=OFF
     fi
-    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab kelo-cloud kelo-wire
+    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab tst_lab_outage kelo-cloud \
+        kelo-wire
     key=$(sed -n 's/^KELO_SECRET_KEY:[A-Z]*=//p' "$build/CMakeCache.txt")
     KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 \
         --picture-kb 30 --build "$build" -- \
         bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' netlab "$build/tests/netlab/tst_netlab"
+    # A 30 s silent outage on shop Wi-Fi: a request sent into it ends on its deadline, the
+    # channel is back within seconds of the link's return.
+    KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile wifi --dishes 10 \
+        --picture-kb 30 --build "$build" -- \
+        bash -c 'exec ip netns exec "$KELO_LAB_TERM" env KELO_SERVER_HOST="$KELO_LAB_API" "$@"' \
+        netlab "$build/tests/tst_lab_outage"
 }
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
