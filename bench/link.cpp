@@ -23,9 +23,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <memory>
-#include <type_traits>
 #include <utility>
 
 namespace kelobench {
@@ -69,37 +69,6 @@ const LinkProfile* findProfile(const QString& name)
 double linkLimitMs(const LinkProfile& p, double bytes)
 {
     return bytes * 8 / (p.downMbit * 1e6) * 1000 + 3 * p.rttMs;
-}
-
-// The SDK's picture settings where this build has them: the number of pictures fetched at once,
-// and HTTP/2 for pictures. Older builds fetch one at a time over HTTP/1.1.
-template <typename S, typename = void> struct HasPicturesInFlight : std::false_type
-{
-};
-template <typename S>
-struct HasPicturesInFlight<S, std::void_t<decltype(std::declval<S&>().setMaxPicturesInFlight(1))>>
-    : std::true_type
-{
-};
-
-template <typename S> int picturesInFlight(const S& sdk)
-{
-    if constexpr (HasPicturesInFlight<S>::value)
-        return sdk.maxPicturesInFlight();
-    else
-        return 1;
-}
-
-template <typename S> bool setPicturesInFlight(S& sdk, int n)
-{
-    if constexpr (HasPicturesInFlight<S>::value) {
-        sdk.setMaxPicturesInFlight(n);
-        return true;
-    } else {
-        Q_UNUSED(sdk)
-        Q_UNUSED(n)
-        return false;
-    }
 }
 
 /// One line of the link table: the SDK beside the hand-written client and beside the link.
@@ -200,6 +169,10 @@ private:
     double handFoods(qint64* bytes, int* pictures);
     double managerPictures(const QString& menu, bool http2, int inFlight);
     static QString pictureDir();
+    /// @p runs of the hand-written client and the SDK, interleaved: a row against the hand-written
+    /// figure, whose link limit is one round trip and whose goal is 1.15.
+    LinkRow interleaved(const QString& figure, int runs, const std::function<double()>& byHand,
+                        const std::function<double()>& bySdk) const;
 
     const Lab& lab;
     const LinkProfile& profile;
@@ -208,6 +181,26 @@ private:
     bool connected = false;
     Clock::time_point changedAt;
 };
+
+LinkRow LinkBench::interleaved(const QString& figure, int runs,
+                               const std::function<double()>& byHand,
+                               const std::function<double()>& bySdk) const
+{
+    std::vector<double> s, h;
+    for (int i = 0; i < runs; ++i) {
+        h.push_back(byHand());
+        s.push_back(bySdk());
+    }
+    LinkRow r;
+    r.figure = figure;
+    r.sdk = median(s);
+    r.hand = median(h);
+    r.limit = profile.rttMs;
+    r.against = QStringLiteral("hand");
+    r.goalRatio = 1.15;
+    r.note = QStringLiteral("median of %1").arg(runs);
+    return r;
+}
 
 std::unique_ptr<Kelosdk> LinkBench::newSdk()
 {
@@ -295,19 +288,10 @@ LinkRow LinkBench::oneRequest()
     const QUrl url = lab.apiUrl("/kelo/api/table/", Libcmn::formatRequestFoods(lab.merchant));
     handGet(url);
     sdkTables();
-    std::vector<double> s, h;
-    for (int i = 0; i < RequestRuns; ++i) {
-        h.push_back(handGet(url));
-        s.push_back(sdkTables());
-    }
-    LinkRow r;
-    r.figure = QStringLiteral("one request (tableRequest)");
-    r.sdk = median(s);
-    r.hand = median(h);
-    r.limit = profile.rttMs;
-    r.against = QStringLiteral("hand");
-    r.goalRatio = 1.15;
-    r.note = QStringLiteral("median of %1, link limit: one round trip").arg(RequestRuns);
+    LinkRow r = interleaved(
+        QStringLiteral("one request (tableRequest)"), RequestRuns, [&] { return handGet(url); },
+        [this] { return sdkTables(); });
+    r.note += QStringLiteral(", link limit: one round trip");
     return r;
 }
 
@@ -387,9 +371,8 @@ double LinkBench::handFoods(qint64* bytes, int* pictures)
 QList<LinkRow> LinkBench::coldSync(int runs, bool alsoOne)
 {
     int dishes = 0;
-    const int defaultInFlight = picturesInFlight(*sdk);
-    const bool hasInFlight = setPicturesInFlight(*sdk, defaultInFlight);
-    const bool withOne = hasInFlight && alsoOne;
+    const int defaultInFlight = sdk->maxPicturesInFlight();
+    const bool withOne = alsoOne;
     std::vector<double> sdkDefault, sdkOne, byHand;
     qint64 bytes = 0;
     QStringList problems;
@@ -407,9 +390,9 @@ QList<LinkRow> LinkBench::coldSync(int runs, bool alsoOne)
     for (int i = 0; i < runs; ++i) {
         byHand.push_back(handFoods(&bytes, &dishes));
         if (withOne) {
-            setPicturesInFlight(*sdk, 1);
+            sdk->setMaxPicturesInFlight(1);
             sdkCold(sdkOne);
-            setPicturesInFlight(*sdk, defaultInFlight);
+            sdk->setMaxPicturesInFlight(defaultInFlight);
         }
         sdkCold(sdkDefault);
     }
@@ -426,9 +409,7 @@ QList<LinkRow> LinkBench::coldSync(int runs, bool alsoOne)
         QStringLiteral("median of %1, %2 bytes; SDK %3")
             .arg(runs)
             .arg(bytes)
-            .arg(hasInFlight
-                     ? QStringLiteral("%1 pictures in flight (its default)").arg(defaultInFlight)
-                     : QStringLiteral("one picture at a time"));
+            .arg(QStringLiteral("%1 pictures in flight (its default)").arg(defaultInFlight));
     if (!problems.isEmpty()) {
         problems.removeDuplicates();
         main.note += QStringLiteral("; ") + problems.join(QStringLiteral(", "));
@@ -451,20 +432,9 @@ LinkRow LinkBench::warmSync()
     const QUrl menuUrl = lab.apiUrl("/kelo/api/item/", Libcmn::formatRequestFoods(lab.merchant));
     sdkFoods(nullptr); // fills the cache if a cold figure did not
     handGet(menuUrl);
-    std::vector<double> s, h;
-    for (int i = 0; i < WarmRuns; ++i) {
-        h.push_back(handGet(menuUrl));
-        s.push_back(sdkFoods(nullptr));
-    }
-    LinkRow r;
-    r.figure = QStringLiteral("warm menu sync vs one menu GET");
-    r.sdk = median(s);
-    r.hand = median(h);
-    r.limit = profile.rttMs;
-    r.against = QStringLiteral("hand");
-    r.goalRatio = 1.15;
-    r.note = QStringLiteral("median of %1").arg(WarmRuns);
-    return r;
+    return interleaved(
+        QStringLiteral("warm menu sync vs one menu GET"), WarmRuns,
+        [&] { return handGet(menuUrl); }, [this] { return sdkFoods(nullptr); });
 }
 
 /// The picture manager alone on @p menu (its "img_host" already set), the cache emptied first:

@@ -161,7 +161,7 @@ public:
     enum class Fault
     {
         None,
-        CutMidBody, ///< half the body, then the connection closes
+        CutMidBody,  ///< half the body, then the connection closes
         HoldMidBody, ///< half the body, then nothing more
         /// the connection closes before any byte of the answer, the first 2 times (Qt itself
         /// sends a request lost that way on a new connection once more), then the answer comes
