@@ -239,6 +239,48 @@ private Q_SLOTS:
         QCOMPARE(upgrades().size(), 2);
         QVERIFY(upgrades()[1].accepted);
     }
+    // An opening handshake slower than the watchdog's period (a lossy 4G link) but within its
+    // deadline completes: the watchdog neither fetches a new session nor opens the socket again
+    // meanwhile.
+    void slow_handshakeSlowerThanWatchdogCompletes()
+    {
+        CloudReply slow;
+        slow.normalAnswer = true;
+        // The watchdog looks 6 s after the session fetch went out, then every 3 s: held 11 s, the
+        // handshake is seen opening at least once, and still finishes 4 s before its deadline.
+        slow.delayMs = kelo_limits::HandshakeDeadlineMs - 4000;
+        cloud->scriptReply("/kelo/ntf/", {}, slow);
+        auto w = watch();
+        QElapsedTimer clock;
+        clock.start();
+        w->client->start();
+        QVERIFY(w->connected.wait(2 * kWait));
+        QVERIFY(clock.elapsed() >= slow.delayMs);
+        QCOMPARE(w->connected.count(), 1);
+        QCOMPARE(w->closed.count(), 0);
+        QCOMPARE(sessionFetches(), 1);
+        QCOMPARE(upgrades().size(), 1);
+        QVERIFY(upgrades()[0].accepted);
+        // and it stays up: no late second session replaces it
+        QTest::qWait(3500);
+        QCOMPARE(w->connected.count(), 1);
+        QCOMPARE(w->closed.count(), 0);
+        QCOMPARE(sessionFetches(), 1);
+    }
+    // stop() ends a sleeping watchdog at once (it used to be terminated inside its sleep).
+    void stopEndsTheWatchdogAtOnce()
+    {
+        auto w = watch();
+        QVERIFY(w->startAndConnect());
+        QVERIFY(w->client->isRunning());
+        QElapsedTimer clock;
+        clock.start();
+        w->client->stop();
+        QVERIFY(w->client->wait(kWait));
+        qInfo("watchdog ended %lld ms after stop()", clock.elapsed());
+        QVERIFY(clock.elapsed() < 1000); // its period is 3 s
+        QCOMPARE(w->closed.count(), 0);
+    }
     void oversizedNoticeIsDroppedAndChannelReopens_data()
     {
         QTest::addColumn<qint64>("bytes");
