@@ -108,6 +108,7 @@ struct PictureTransfer
     bool requested = false;        ///< a request went out for it (its deadline runs)
     bool again = false;            ///< redirected: to be fetched again from its new address
     bool waiting = false;          ///< a request is out and has not finished
+    bool askedAgain = false;       ///< asked for once more after its connection closed unanswered
     bool outputFailed = false;     ///< given up, or a write failed: ends like a network error
     qint64 received = 0;           ///< bytes of the current answer so far
     QElapsedTimer started;         ///< since the entry's first request
@@ -457,6 +458,13 @@ void CDownloadFileMan::PictureRun::readyRead(PictureTransfer& transfer)
     QNetworkReply* reply = transfer.reply;
     if (!reply || !transfer.file || transfer.outputFailed)
         return;
+    // A server that answers over HTTP/2 takes every picture at once on one connection: known
+    // from the first answer's headers, the pictures held back for it start from the event loop.
+    if (network && !http2Origins.contains(transfer.origin) &&
+        reply->attribute(QNetworkRequest::Http2WasUsedAttribute).toBool()) {
+        http2Origins.insert(transfer.origin);
+        emit manager.NotifyDownloadNextFile();
+    }
     if (capBytes > 0) {
         // Announced, or counted as it comes (a chunked answer announces nothing).
         bool known = false;
@@ -509,6 +517,18 @@ void CDownloadFileMan::PictureRun::finished(PictureTransfer& transfer)
         }
     }
     redirected = redirected && !failed;
+    // Through a shared manager, Qt fails every request waiting in its queue for a server when one
+    // connection to that server breaks, although none of them went out. A picture whose answer
+    // never began because its connection closed is therefore asked for once more, like a
+    // redirect to the same address (a run's own managers carry one request each: nothing waits).
+    if (failed && !transfer.outputFailed && !transfer.askedAgain && network &&
+        reply->error() == QNetworkReply::RemoteHostClosedError &&
+        !reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid()) {
+        transfer.askedAgain = true;
+        failed = false;
+        redirected = true;
+        manager.logImage(info, " lost its connection before any answer ==> asked again");
+    }
     // The picture stays open until it is stamped (finish).
     const bool ready = !failed && !redirected;
     info.fileReady = ready;

@@ -73,12 +73,14 @@ bool KelosdkPrivate::busy(RequestKind kind) const
 // ---- what the object waits on ----------------------------------------------------------------
 
 KelosdkPrivate::KelosdkPrivate(Kelosdk* owner)
-    : q(owner), pool(new kelo_detail::SharedNetwork(owner))
+    : q(owner), pool(new kelo_detail::SharedNetwork(owner)),
+      picturePool(new kelo_detail::SharedNetwork(owner))
 {
 }
 
 KelosdkPrivate::~KelosdkPrivate()
 {
+    delete picturePool;
     delete pool;
 }
 
@@ -87,15 +89,22 @@ QNetworkAccessManager* KelosdkPrivate::network()
     return pool;
 }
 
+QNetworkAccessManager* KelosdkPrivate::pictureNetwork()
+{
+    return picturePool;
+}
+
 void KelosdkPrivate::trackRequest(HttpBase* request)
 {
     kelo_detail::sendThrough(*request, network());
+    request->setIdleTimeout(requestIdleMs);
     track(request);
 }
 
 void KelosdkPrivate::trackRequest(HttpBase2* request)
 {
     kelo_detail::sendThrough(*request, network());
+    request->setIdleTimeout(requestIdleMs);
     track(request);
 }
 
@@ -200,6 +209,16 @@ void Kelosdk::setMaxReplySize(qint64 bytes)
 qint64 Kelosdk::maxReplySize() const
 {
     return d->maxReplyBytes;
+}
+
+void Kelosdk::setRequestIdleTimeout(int ms)
+{
+    d->requestIdleMs = qMax(0, ms);
+}
+
+int Kelosdk::requestIdleTimeout() const
+{
+    return d->requestIdleMs;
 }
 
 void Kelosdk::setMaxPictureSize(qint64 bytes)
@@ -397,9 +416,12 @@ void Kelosdk::onFoodsReadyDownload(const QVariant& data)
     manager->setMaxFileSize(d->maxPictureBytes);
     manager->setMaxPicturesInFlight(d->picturesInFlight);
     manager->setHttp2Allowed(kelo_limits::SdkPicturesOverHttp2);
-    // Through the object's pool: the picture host's connections (and its TLS sessions) stay
-    // open from one menu sync to the next, like the API's.
-    manager->setNetworkAccessManager(d->network());
+    // Through the object's picture pool: the picture host's connections (and its TLS sessions)
+    // stay open from one menu sync to the next, like the API's. A pool of its own, because Qt
+    // fails every request waiting in a manager's queue for a server when one connection to it
+    // breaks: a picture cut short must never take an API request (or the session fetch) with it
+    // when the pictures come from the API's own host, nor the other way round.
+    manager->setNetworkAccessManager(d->pictureNetwork());
     // Should this object go first, or the host give up, the run is abandoned with the rest.
     d->track(manager);
     connect(manager, &CDownloadFileMan::NotifyComplete, this, [this, manager](const QString& text) {

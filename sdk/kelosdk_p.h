@@ -101,6 +101,9 @@ public:
     /// invoice excepted, see kelo_detail::postOnce()), and the notification client's session
     /// fetch while this object lives.
     QNetworkAccessManager* network();
+    /// The pool of the menu runs' pictures: kept apart from network() so that a broken picture
+    /// download never fails an API request queued behind it in the same manager.
+    QNetworkAccessManager* pictureNetwork();
 
     /// What the SDK object waits on: its request objects (children of the object) and its
     /// picture runs (CDownloadFileMan, no parent), from their start until their result is handled
@@ -112,6 +115,7 @@ public:
     qint64 maxPictureBytes = kelo_limits::DefaultMaxPictureBytes;
     qint64 maxNotificationBytes = kelo_limits::DefaultMaxNotificationBytes;
     int picturesInFlight = kelo_limits::DefaultSdkPicturesInFlight;
+    int requestIdleMs = kelo_limits::DefaultRequestIdleTimeoutMs;
 
     /// The notification channel came up (@p up) or reported itself down: emits
     /// cloudConnectionChange(), then opens or closes a notice gap (noticeGap()).
@@ -130,7 +134,7 @@ public:
     /// signal) and is released with deleteLater(). False, doing nothing, if @p object is not
     /// waited on.
     bool settle(QObject* object);
-    /// Hands @p request the pool and starts waiting on it.
+    /// Hands @p request the pool and the idle deadline and starts waiting on it.
     void trackRequest(HttpBase* request);
     void trackRequest(HttpBase2* request);
     /// Abandons everything waited on: each object is disconnected from @p owner, a request
@@ -143,4 +147,5 @@ private:
     // destructor of the SDK object has abandoned its requests; what still goes through it then
     // (a session fetch of the notification client) is aborted by it.
     kelo_detail::SharedNetwork* const pool;
+    kelo_detail::SharedNetwork* const picturePool;
 };

@@ -22,10 +22,6 @@
 
 namespace {
 
-constexpr int KeepAliveIntervalMs = 3000;
-constexpr unsigned long WatchdogPeriodS = 3;
-constexpr unsigned long SessionBusyWaitS = 6;
-
 QString now()
 {
     return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
@@ -240,6 +236,8 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
         sessionRequest->cancel();
         sessionBusy = false;
         releaseSessionRequest();
+        // No answer in time: the pool's kept-alive connection it went on is as dead as the link.
+        kelo_detail::dropPoolConnections(WSClientGuard::of(this)->pool);
     });
 
     connect(&webSocket, &QWebSocket::connected, this, &WSClient::onConnected);
@@ -301,7 +299,7 @@ WSClient::~WSClient()
 
 void WSClient::start()
 {
-    timerId = startTimer(KeepAliveIntervalMs, Qt::CoarseTimer);
+    timerId = startTimer(kelo_limits::KeepAliveIntervalMs, Qt::CoarseTimer);
     running = true;
     getSession();
     WatchdogRegistry::instance().add(this);
@@ -323,7 +321,8 @@ void WSClient::sendTextMessage(QString message)
 
 void WSClient::getSession()
 {
-    if (sessionBusy)
+    // A handshake still within its deadline is left to finish: a new session would restart it.
+    if (sessionBusy || WSClientGuard::of(this)->handshakeDeadline.isActive())
         return;
     sessionBusy = true;
     sessionRequest = new HttpBase(httpUrl, nullptr, false);
@@ -421,11 +420,11 @@ void WSClient::run()
     WatchdogRegistry& registry = WatchdogRegistry::instance();
     while (running) {
         while (sessionBusy) {
-            registry.sleep(this, SessionBusyWaitS * 1000);
+            registry.sleep(this, kelo_limits::SessionBusyWaitMs);
             if (!running)
                 return;
         }
-        registry.sleep(this, WatchdogPeriodS * 1000);
+        registry.sleep(this, kelo_limits::WatchdogPeriodMs);
         if (!running)
             return;
         if (socketValid)
@@ -437,10 +436,10 @@ void WSClient::run()
 }
 
 // No longer used by the watchdog (see run()); kept because the library exports it.
-void WSClient::sleepTerminable(unsigned long seconds)
+void WSClient::sleepTerminable(unsigned long ms)
 {
     setTerminationEnabled(true); // a terminate() that came meanwhile takes effect here
-    QThread::sleep(seconds);
+    QThread::msleep(ms);
     setTerminationEnabled(false);
 }
 
@@ -448,7 +447,9 @@ void WSClient::timerEvent(QTimerEvent* event)
 {
     if (event->timerId() != timerId)
         return;
-    if (missedPongs > 2) {
+    if (missedPongs >= kelo_limits::MissedPongsBeforeDown) {
+        // The link was silent for several pings: the pool's kept-alive connections are dead too.
+        kelo_detail::dropPoolConnections(WSClientGuard::of(this)->pool);
         onClosed();
         return;
     }

@@ -103,9 +103,9 @@ private:
     void refreshSocketValidity();
     /// Hands the finished session request to deleteLater().
     void releaseSessionRequest();
-    /// A terminable sleep of the watchdog's first versions; the watchdog now sleeps on a wait
-    /// condition that stop() wakes.
-    static void sleepTerminable(unsigned long seconds);
+    /// A terminable sleep of the watchdog's first versions (in ms); the watchdog now sleeps on a
+    /// wait condition that stop() wakes.
+    static void sleepTerminable(unsigned long ms);
     /// At process exit: ends the timer, the session fetch and the socket (see the registry).
     void releaseNetworkAtExit();
     friend class WatchdogRegistry;
