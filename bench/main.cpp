@@ -15,6 +15,11 @@
 //   kelo_bench --scale-size N                  (one size of --scale; prints one JSON line)
 //   kelo_bench --idle-sdk N [--cloud-exe PATH] (the SDK alone idling N s against kelo-cloud
 //                                               run as another process; prints one JSON line)
+//   kelo_bench --link PROFILE [--dishes N] [--what request,cold,warm,pictures,channel,outage]
+//              [--cold-runs N] [--outage-seconds S] [--json FILE]
+//                                              (on the network lab's terminal side, against
+//                                               KELO_LAB_API; merges its rows into FILE)
+//   kelo_bench --link-report FILE              (every lab run's rows of FILE as one table)
 
 #include "bench.h"
 #include "benchsupport.h"
@@ -22,6 +27,7 @@
 #include "cloudserver.h"
 #include "idle.h"
 #include "inflight.h"
+#include "link.h"
 #include "localcloud.h"
 #include "scale.h"
 
@@ -51,6 +57,16 @@ int main(int argc, char** argv)
         return idleChild(option("--idle-sdk").toInt(), option("--cloud-exe"));
     if (args.contains(QStringLiteral("--scale-size")))
         return scaleChild(option("--scale-size").toInt());
+    if (args.contains(QStringLiteral("--link"))) {
+        const QString what = option("--what");
+        return linkMode(
+            option("--link"), option("--dishes").toInt(),
+            what.isEmpty() ? QStringList() : what.split(QLatin1Char(',')), option("--json"),
+            option("--cold-runs").isEmpty() ? 3 : option("--cold-runs").toInt(),
+            option("--outage-seconds").isEmpty() ? 25 : option("--outage-seconds").toInt());
+    }
+    if (args.contains(QStringLiteral("--link-report")))
+        return linkReport(option("--link-report"));
     if (args.contains(QStringLiteral("--scale")))
         return scaleParent(option("--scale-dat"), option("--json"));
 

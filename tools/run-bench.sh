@@ -5,6 +5,10 @@
 #   bash tools/run-bench.sh --scale    (menu sync and catalogue rewrite at 100, 1,000 and 10,000
 #                                       dishes; writes _build/bench/scale.{json,dat} and draws
 #                                       docs/scale-per-dish.png and docs/scale-memory.png)
+#   bash tools/run-bench.sh --link     (the SDK on a shop's link: each profile in the network lab
+#                                       (tools/netlab/lab.sh), kelo_bench --link on the terminal
+#                                       side; one table, JSON in _build/bench/link.json;
+#                                       KELO_LINK_LOSSY=1 adds the lossy-wifi profile)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -17,7 +21,36 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DKELO_BUILD_BENCH=ON -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF >/dev/null
 # The build is niced and takes at most KELO_BENCH_JOBS (2) jobs: on a shared machine it must not
 # crowd out other people's work; the benchmark runs after it, at normal priority.
-nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target kelo_bench kelo kelo-cloud
+targets=(kelo_bench kelo kelo-cloud)
+[ "${1:-}" = "--link" ] && targets+=(kelo-wire) # the network lab's link
+nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target "${targets[@]}"
+
+if [ "${1:-}" = "--link" ]; then
+    json=$build/link.json
+    rm -f "$json"
+    echo "run-bench: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), load $(cut -d' ' -f1-3 /proc/loadavg)"
+    # One lab per menu size and profile; the bench runs on the terminal's side of the wire.
+    link() { # profile dishes [kelo_bench --link options...]
+        local profile=$1 dishes=$2
+        shift 2
+        echo "run-bench: --link $profile, $dishes dishes x 30 KB" >&2
+        bash tools/netlab/lab.sh run --profile "$profile" --dishes "$dishes" --picture-kb 30 \
+            --build "$build" -- \
+            bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' link-bench \
+            "$build/bench/kelo_bench" --link "$profile" --dishes "$dishes" --json "$json" "$@" \
+            >&2
+    }
+    link wifi 100
+    link 4g 50
+    link wifi 300 --what cold
+    link 4g 300 --what cold --cold-runs 1
+    if [ "${KELO_LINK_LOSSY:-0}" = 1 ]; then
+        link lossy-wifi 100 --what request,cold,warm
+    fi
+    "$build/bench/kelo_bench" --link-report "$json"
+    echo "run-bench: results in $json"
+    exit 0
+fi
 
 if [ "${1:-}" = "--scale" ]; then
     declare -A per

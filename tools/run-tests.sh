@@ -2,6 +2,10 @@
 # The whole test suite, as CI runs it. Installs dependencies, then runs stages in order and stops
 # at the first that fails:
 #   native     build into _build/tests (warnings are errors, a random signing key) and run ctest
+#   netlab     the SDK across the network lab's wire (tools/netlab/lab.sh): every request kind on
+#              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
+#              under a request, a silent outage; functional checks, no timings (the native
+#              stage's build, or _build/netlab when run alone)
 #   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
 #   armhf      the suite cross-built for 32-bit ARM (Release) and run under qemu-arm
@@ -10,11 +14,11 @@
 #              the installed amd64 packages and against the armhf ones unpacked into the sysroot
 #   qt6        the suite built against Qt 6 into _build/qt6 (-DKELO_QT_MAJOR=6) and run; then both
 #              majors installed side by side into one prefix, a host built against each
-# Usage: run-tests.sh [--quick | stage ...]   (no argument: all six; --quick: native)
+# Usage: run-tests.sh [--quick | stage ...]   (no argument: all seven; --quick: native)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(native fuzz sanitize armhf packages qt6)
+stages=(native netlab fuzz sanitize armhf packages qt6)
 if [ "${1:-}" = "--quick" ]; then
     stages=(native)
 elif [ $# -gt 0 ]; then
@@ -53,6 +57,22 @@ qt6() {
     fi
     bash tests/install/check-side-by-side.sh "$side" "$build" "$build/tools/kelo-cloud-qt6"
 }
+# The native stage's build when it ran before (only the lab's tools are added), otherwise a build
+# of the library, the suite and the lab's tools alone into _build/netlab. kelo-cloud is handed the
+# build's signing key. lab.sh removes its namespaces and processes when it ends, also on failure.
+netlab() {
+    local build=_build/tests key
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        build=_build/netlab
+        cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
+            -DKELO_BUILD_EXAMPLES=OFF
+    fi
+    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab kelo-cloud kelo-wire
+    key=$(sed -n 's/^KELO_SECRET_KEY:[A-Z]*=//p' "$build/CMakeCache.txt")
+    KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 \
+        --picture-kb 30 --build "$build" -- \
+        bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' netlab "$build/tests/netlab/tst_netlab"
+}
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
 armhf() { bash tools/run-tests-armhf.sh; }
@@ -65,7 +85,7 @@ packages() {
 
 summary=()
 for stage in "${stages[@]}"; do
-    case "$stage" in native | sanitize | fuzz | armhf | packages | qt6) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
+    case "$stage" in native | netlab | sanitize | fuzz | armhf | packages | qt6) ;; *) echo "unknown stage: $stage" >&2; exit 2 ;; esac
     echo "=== stage $stage"
     start=$SECONDS
     "$stage"
