@@ -5,7 +5,9 @@
 #   netlab     the SDK across the network lab's wire (tools/netlab/lab.sh): every request kind on
 #              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
 #              under a request, a silent outage; functional checks, no timings (the native
-#              stage's build, or _build/netlab when run alone)
+#              stage's build, or _build/netlab when run alone); then a 3-minute shop day
+#              (kelo_bench --day 180: outages, loss, 4G, kelo-cloud killed; non-zero on any
+#              broken promise of its books)
 #   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
 #   armhf      the suite cross-built for 32-bit ARM (Release) and run under qemu-arm
@@ -67,11 +69,16 @@ netlab() {
         cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
             -DKELO_BUILD_EXAMPLES=OFF
     fi
-    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab kelo-cloud kelo-wire
+    cmake -S . -B "$build" -DKELO_BUILD_BENCH=ON >/dev/null # the shop day is a mode of kelo_bench
+    cmake --build "$build" --parallel "$(nproc)" --target tst_netlab kelo-cloud kelo-wire kelo_bench
     key=$(sed -n 's/^KELO_SECRET_KEY:[A-Z]*=//p' "$build/CMakeCache.txt")
     KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 \
         --picture-kb 30 --build "$build" -- \
         bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' netlab "$build/tests/netlab/tst_netlab"
+    KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile wifi --dishes 40 \
+        --picture-kb 20 --seed 1 --build "$build" -- \
+        bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' day "$build/bench/kelo_bench" \
+        --day 180 --seed 1
 }
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
