@@ -9,9 +9,9 @@
 // onNetworkError(0, ...), whose echo the books ignore. Every 6 to 12 s the simulator pushes a
 // notice "day-N" while the channel is up.
 //
-// The link (its own generator): after the warm-up, one event at a time with 1 to 5 s between
-// them: blackholes of 2 to 15 s (70 %) or 15 to 60 s, 2 to 5 % loss for 5 to 20 s, 4G for 10 to
-// 30 s, kelo-cloud killed and back 0 to 5 s later (lab.sh cloud-restart).
+// The link (its own generator, bench/daybooks.h): after the warm-up, one event at a time with
+// 1 to 3 s between them: blackholes of 2 to 60 s, 2 to 5 % loss, 4G and back to the start
+// profile, kelo-cloud killed and back 0 to 5 s later (lab.sh cloud-restart).
 //
 // The books, each broken promise one violation:
 //   no outcome        a call without done signal, keloappError or networkError within its
@@ -34,6 +34,7 @@
 #include "day.h"
 
 #include "benchsupport.h"
+#include "daybooks.h"
 #include "devca.h"
 #include "kelosdk.h"
 
@@ -71,14 +72,7 @@ constexpr double kMarginS = 10;
 constexpr double kPictureIdleS = 30;
 /// After the last link event every kind must answer within this long.
 constexpr double kBackWithinS = 3;
-/// How long the books watch for a notice after the cloud took it.
-constexpr double kNoticeWaitS = 10;
-/// A notice is owed only if the link had no outage this long before it was sent: the channel
-/// sees a silent outage after three unanswered pings 3 s apart, plus a tick.
-constexpr double kNoticeQuietBeforeS = 12;
-/// Resident memory may grow this much after the warm-up.
-constexpr double kRssGrowthMb = 5;
-/// Longest a control request (the simulator's /_sim/ routes) may take.
+/// Longest a control request (the simulator's /_sim/ routes, kelo-wire ctl) may take.
 constexpr int kControlTimeoutMs = 10000;
 
 double nowS(Clock::time_point start)
@@ -167,35 +161,9 @@ struct Notice
     double firstArrival = -1;
 };
 
-enum class EventType
-{
-    Blackhole,
-    Loss,
-    Profile,
-    Restart
-};
-
-struct Event
-{
-    EventType type;
-    double start;
-    double end;
-    int param; ///< loss percent; seconds kelo-cloud stays down
-    double actualEnd = -1;
-};
-
-const char* eventName(EventType t)
-{
-    static const char* names[] = {"blackhole", "loss", "4g", "cloud restart"};
-    return names[static_cast<int>(t)];
-}
-
-struct Sample
-{
-    double t;
-    double rssMb;
-    int fds;
-};
+using Event = LinkEvent;
+using EventType = LinkEventType;
+using Sample = ProcessSample;
 
 double rssMb()
 {
@@ -711,52 +679,14 @@ void Day::noticeArrived(const QString& word)
 
 bool Day::disruptedAround(double t) const
 {
-    for (const Event& e : events) {
-        if (e.type != EventType::Blackhole && e.type != EventType::Restart)
-            continue;
-        const double end = e.actualEnd >= 0 ? e.actualEnd : e.end;
-        if (e.start <= t + kNoticeWaitS && end >= t - kNoticeQuietBeforeS)
-            return true;
-    }
-    return false;
+    return outageAround(events, t);
 }
 
 // ---- the link ---------------------------------------------------------------------------------
 
 void Day::planEvents()
 {
-    // Its own generator: the same seed gives the same link whatever the operator did.
-    std::mt19937 plan(opt.seed * 2654435761u + 1);
-    auto u = [&plan](double a, double b) { return std::uniform_real_distribution<>(a, b)(plan); };
-    const double dayEnd = opt.seconds;
-    double t = warmUp;
-    while (true) {
-        t += u(1, 5);
-        if (t > dayEnd - 4)
-            break;
-        Event e{EventType::Blackhole, t, t, 0};
-        const double r = u(0, 1);
-        if (r < 0.35) {
-            e.type = EventType::Blackhole;
-            e.end = t + (u(0, 1) < 0.7 ? u(2, 15) : u(15, 60));
-        } else if (r < 0.6) {
-            e.type = EventType::Loss;
-            e.param = 2 + static_cast<int>(u(0, 4)); // 2 to 5 %
-            e.end = t + u(5, 20);
-        } else if (r < 0.85) {
-            e.type = EventType::Profile;
-            e.end = t + u(10, 30);
-        } else {
-            e.type = EventType::Restart;
-            e.param = static_cast<int>(u(0, 6));
-            e.end = t + e.param + 1;
-        }
-        e.end = std::min(e.end, dayEnd);
-        if (e.type == EventType::Blackhole && e.end - e.start < 2)
-            break;
-        events.append(e);
-        t = e.end;
-    }
+    events = planLinkEvents(warmUp, opt.seconds, opt.seed);
 }
 
 bool Day::wire(const QStringList& args)
@@ -778,7 +708,7 @@ void Day::eventStarts(int i)
     const int ms = static_cast<int>((e.end - e.start) * 1000);
     e.start = nowS(t0);
     e.end = e.start + ms / 1000.0;
-    std::printf("day: %7.1f s  %s%s\n", e.start, eventName(e.type),
+    std::printf("day: %7.1f s  %s%s\n", e.start, linkEventName(e.type),
                 e.type == EventType::Loss ? qPrintable(QStringLiteral(" %1 %").arg(e.param))
                 : e.type == EventType::Restart
                     ? qPrintable(QStringLiteral(", %1 s down").arg(e.param))
@@ -1011,44 +941,18 @@ int Day::evaluate()
                           .arg(word)
                           .arg(n.sent, 0, 'f', 1));
     }
-    // Memory and descriptors after the warm-up: medians (memory) and minima (descriptors, which
-    // connections opening and closing move up and down) of the first ten seconds after it
-    // against the last five samples, taken quiet.
-    QList<Sample> first, last;
-    for (const Sample& s : samples)
-        if (s.t >= baseFrom && s.t < baseTo)
-            first.append(s);
-    last = samples.mid(std::max(0, static_cast<int>(samples.size()) - 5));
-    auto med = [](const QList<Sample>& l) {
-        std::vector<double> v;
-        for (const Sample& s : l)
-            v.push_back(s.rssMb);
-        return median(v);
-    };
-    auto minFd = [](const QList<Sample>& l) {
-        int m = 1 << 30;
-        for (const Sample& s : l)
-            m = std::min(m, s.fds);
-        return m;
-    };
-    double rssGrowth = 0;
-    int fdGrowth = 0;
-    if (!first.isEmpty() && !last.isEmpty()) {
-        rssGrowth = med(last) - med(first);
-        fdGrowth = minFd(last) - minFd(first);
-        if (rssGrowth > kRssGrowthMb)
-            violation(QStringLiteral("memory grows"),
-                      QStringLiteral("resident memory +%1 MB after the warm-up (%2 -> %3 MB)")
-                          .arg(rssGrowth, 0, 'f', 1)
-                          .arg(med(first), 0, 'f', 1)
-                          .arg(med(last), 0, 'f', 1));
-        if (fdGrowth > 0)
-            violation(QStringLiteral("descriptors grow"),
-                      QStringLiteral("+%1 open descriptors after the warm-up (%2 -> %3)")
-                          .arg(fdGrowth)
-                          .arg(minFd(first))
-                          .arg(minFd(last)));
-    }
+    // Memory and descriptors: the quiet seconds after the warm-up's roll call against the
+    // last samples, taken quiet after the day's.
+    const Growth growth = growthSince(samples, baseFrom, baseTo);
+    const double rssGrowth = growth.rssMb;
+    const int fdGrowth = growth.fds;
+    if (growth.rssMb > kRssGrowthMb)
+        violation(QStringLiteral("memory grows"),
+                  QStringLiteral("resident memory +%1 MB after the warm-up")
+                      .arg(growth.rssMb, 0, 'f', 1));
+    if (growth.fds > 0)
+        violation(QStringLiteral("descriptors grow"),
+                  QStringLiteral("+%1 open descriptors after the warm-up").arg(growth.fds));
     int counts[4] = {0, 0, 0, 0};
     std::vector<double> times;
     for (const Call& c : calls) {
@@ -1099,8 +1003,9 @@ int Day::evaluate()
         summary.insert(QStringLiteral("by_kind"), byKind);
         QJsonObject kindsOfEvents;
         for (const Event& e : events)
-            kindsOfEvents.insert(QLatin1String(eventName(e.type)),
-                                 kindsOfEvents.value(QLatin1String(eventName(e.type))).toInt() + 1);
+            kindsOfEvents.insert(QLatin1String(linkEventName(e.type)),
+                                 kindsOfEvents.value(QLatin1String(linkEventName(e.type))).toInt() +
+                                     1);
         summary.insert(QStringLiteral("events"), kindsOfEvents);
         writeReport(summary);
     }
