@@ -75,10 +75,11 @@ netlab() {
     KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 \
         --picture-kb 30 --build "$build" -- \
         bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' netlab "$build/tests/netlab/tst_netlab"
+    # Seed 10's day: 10 link events, among them a 55 s blackhole and two kelo-cloud restarts.
     KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile wifi --dishes 40 \
         --picture-kb 20 --seed 1 --build "$build" -- \
         bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' day "$build/bench/kelo_bench" \
-        --day 180 --seed 1
+        --day 180 --seed 10
 }
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }
