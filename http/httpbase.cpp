@@ -61,6 +61,16 @@ qint64 HttpBase::maxReplySize() const
     return Request::maxReplySize(*this);
 }
 
+void HttpBase::setIdleTimeout(int ms)
+{
+    Request::setIdleTimeout(*this, ms);
+}
+
+int HttpBase::idleTimeout() const
+{
+    return Request::idleTimeout(*this);
+}
+
 QNetworkRequest HttpBase::createRequest(CONTENT_TYPE type, HTTP_PROCESS process)
 {
     return Request::createRequest(*this, type, process);

@@ -61,6 +61,16 @@ qint64 HttpBase2::maxReplySize() const
     return Request::maxReplySize(*this);
 }
 
+void HttpBase2::setIdleTimeout(int ms)
+{
+    Request::setIdleTimeout(*this, ms);
+}
+
+int HttpBase2::idleTimeout() const
+{
+    return Request::idleTimeout(*this);
+}
+
 QNetworkRequest HttpBase2::createRequest(CONTENT_TYPE type, HTTP_PROCESS process)
 {
     return Request::createRequest(*this, type, process);

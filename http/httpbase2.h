@@ -56,6 +56,13 @@ public:
     void setMaxReplySize(qint64 bytes);
     /// The cap on the answer's body; 0 means none.
     qint64 maxReplySize() const;
+    /// Gives a request up when it moves no byte either way for @p ms milliseconds (connecting
+    /// included): it then ends in error(4, "no answer from the server for 20 s"), once, never in
+    /// done(). 0 or less: never. The default is 20000, so that no request waits on a dead link
+    /// for TCP's minutes of retries. Applies to process() calls made afterwards.
+    void setIdleTimeout(int ms);
+    /// Milliseconds without a byte before a request is given up; 0 means never.
+    int idleTimeout() const;
 
     /// Builds the network request (credentials, GET query, User-Agent, Content-Type).
     QNetworkRequest createRequest(CONTENT_TYPE type, HTTP_PROCESS process);

@@ -27,6 +27,41 @@ SharedNetwork::~SharedNetwork()
     }
 }
 
+void SharedNetwork::dropConnectionsWhenIdle()
+{
+    if (dropPending)
+        return;
+    dropPending = true;
+    dropIfIdle();
+}
+
+void SharedNetwork::dropIfIdle()
+{
+    if (!dropPending)
+        return;
+    for (QNetworkReply* reply :
+         findChildren<QNetworkReply*>(QString(), Qt::FindDirectChildrenOnly)) {
+        if (!reply->isRunning())
+            continue;
+        // At once when it finishes, before its owner can send the next request on a connection
+        // that is to be dropped; a reply deleted while it runs never finishes, so its destruction
+        // counts as its end (queued: it is half destroyed then).
+        connect(reply, &QNetworkReply::finished, this, &SharedNetwork::dropIfIdle,
+                Qt::UniqueConnection);
+        connect(reply, &QObject::destroyed, this, &SharedNetwork::dropIfIdle,
+                Qt::ConnectionType(Qt::UniqueConnection | Qt::QueuedConnection));
+        return;
+    }
+    dropPending = false;
+    clearConnectionCache();
+}
+
+void dropPoolConnections(QNetworkAccessManager* network)
+{
+    if (auto* pool = qobject_cast<SharedNetwork*>(network))
+        pool->dropConnectionsWhenIdle();
+}
+
 void sendThrough(HttpBase& request, QNetworkAccessManager* pool)
 {
     HttpRequest<HttpBase>::setPool(request, pool);

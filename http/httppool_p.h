@@ -46,6 +46,30 @@ class SharedNetwork : public QNetworkAccessManager
 public:
     explicit SharedNetwork(QObject* parent = nullptr);
     ~SharedNetwork() override;
+
+    /// The link was found dead (a request's idle deadline expired, the notification channel
+    /// missed its pongs): the kept-alive connections are dropped so that the next request opens
+    /// a fresh one. Qt drops them by ending its network thread, which would strand the replies
+    /// still in flight through it; so while any runs, the drop waits until the last has ended
+    /// (each ends by its own deadline at the latest).
+    void dropConnectionsWhenIdle();
+
+private:
+    void dropIfIdle();
+    bool dropPending = false;
+};
+
+/// A request object's deadline without progress, and the reply it last gave up on. A child of the
+/// object's own manager, made by the first setter call or the first request sent.
+class IdleWatch : public QObject
+{
+    Q_OBJECT
+public:
+    explicit IdleWatch(QObject* parent, int ms) : QObject(parent), ms(ms) {}
+    /// Milliseconds without a byte either way before a request is given up; 0: never.
+    int ms;
+    /// The reply given up for its idle deadline, while it lives.
+    QPointer<QNetworkReply> expired;
 };
 
 /// What a request object handed to a pool keeps: the pool while it lives, and the replies it
@@ -83,6 +107,10 @@ void sendThrough(HttpBase2& request, QNetworkAccessManager* pool);
 /// before any byte of the answer then ends in error(205, ...) (ContentReSendError) instead of
 /// sending it again. Method, URL, headers and body bytes are those of process(HTTP_POST).
 QNetworkReply* postOnce(HttpBase2& request);
+
+/// Drops the kept-alive connections of @p network, if it is an SDK object's pool (see
+/// SharedNetwork::dropConnectionsWhenIdle()); does nothing for any other manager or null.
+void dropPoolConnections(QNetworkAccessManager* network);
 
 /// Has the notification client @p client fetch its sessions through @p pool while the pool lives
 /// (through a manager of its own afterwards).

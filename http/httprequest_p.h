@@ -19,6 +19,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QTimer>
 #include <QUrl>
 
 #include <utility>
@@ -161,8 +162,10 @@ template <class Owner> struct HttpRequest
         // With put(nullptr) the reply is null: Qt warns about the null sender and no signal
         // will ever come, which is what a caller passing no stream gets.
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
-        if (owner.reply)
+        if (owner.reply) {
             watchSize(owner, owner.reply, maxReplySize(owner));
+            watchIdle(owner, owner.reply);
+        }
         if (PoolLink* link = linkOf(owner)) {
             link->replies.removeAll(nullptr);
             link->replies.append(owner.reply);
@@ -205,9 +208,73 @@ template <class Owner> struct HttpRequest
         QObject::connect(reply, &QNetworkReply::readyRead, &owner, check);
     }
 
-    // The outcome of a finished reply that is not the answer asked for, or an empty text.
-    static QString refusal(const QNetworkReply& reply, int* code)
+    static IdleWatch* idleWatchOf(const Owner& owner)
     {
+        return owner.manager.template findChild<IdleWatch*>(QString(), Qt::FindDirectChildrenOnly);
+    }
+
+    static IdleWatch& ensureIdleWatch(Owner& owner)
+    {
+        if (IdleWatch* watch = idleWatchOf(owner))
+            return *watch;
+        return *new IdleWatch(&owner.manager, kelo_limits::DefaultRequestIdleTimeoutMs);
+    }
+
+    static void setIdleTimeout(Owner& owner, int ms) { ensureIdleWatch(owner).ms = qMax(0, ms); }
+
+    static int idleTimeout(const Owner& owner)
+    {
+        const IdleWatch* watch = idleWatchOf(owner);
+        return watch ? watch->ms : kelo_limits::DefaultRequestIdleTimeoutMs;
+    }
+
+    // A request that moves no byte either way for the idle deadline (from the moment it is sent:
+    // connecting and the TLS handshake count too) is given up: on a link that went silent, TCP
+    // would otherwise wait out its own retries for minutes. The timer is a child of the reply and
+    // restarts on every sign of progress.
+    static void watchIdle(Owner& owner, QNetworkReply* reply)
+    {
+        const int ms = idleTimeout(owner);
+        if (ms <= 0)
+            return;
+        IdleWatch& watch = ensureIdleWatch(owner);
+        auto* timer = new QTimer(reply);
+        timer->setSingleShot(true);
+        timer->setInterval(ms);
+        const auto progress = [timer] { timer->start(); };
+        QObject::connect(reply, &QNetworkReply::metaDataChanged, timer, progress);
+        QObject::connect(reply, &QNetworkReply::readyRead, timer, progress);
+        QObject::connect(reply, &QNetworkReply::downloadProgress, timer, progress);
+        QObject::connect(reply, &QNetworkReply::uploadProgress, timer, progress);
+        QObject::connect(reply, &QNetworkReply::finished, timer, &QTimer::stop);
+        QObject::connect(timer, &QTimer::timeout, &owner, [&owner, &watch, reply] {
+            if (!reply->isRunning())
+                return;
+            watch.expired = reply;
+            // As with the size cap: abort() emits finished() at once; the outcome is reported
+            // from the event loop, once.
+            QObject::disconnect(reply, &QNetworkReply::finished, &owner, &Owner::finished);
+            reply->abort();
+            // The connection it waited on is dead, and so, most likely, are the pool's others.
+            if (const PoolLink* link = linkOf(owner))
+                dropPoolConnections(link->pool);
+            QMetaObject::invokeMethod(
+                &owner, [&owner] { owner.finished(); }, Qt::QueuedConnection);
+        });
+        timer->start();
+    }
+
+    // The outcome of a finished reply that is not the answer asked for, or an empty text.
+    static QString refusal(const Owner& owner, const QNetworkReply& reply, int* code)
+    {
+        const IdleWatch* watch = idleWatchOf(owner);
+        if (watch && watch->expired == &reply) {
+            *code = kelo_limits::NoAnswerError;
+            const int ms = watch->ms;
+            return ms % 1000 == 0
+                       ? QStringLiteral("no answer from the server for %1 s").arg(ms / 1000)
+                       : QStringLiteral("no answer from the server for %1 ms").arg(ms);
+        }
         const QVariant cap = reply.property(TooLargeProperty);
         if (cap.isValid()) {
             *code = kelo_limits::ReplyTooLargeError;
@@ -258,7 +325,7 @@ template <class Owner> struct HttpRequest
         // A handler may destroy the owner, and with it the reply, while the signal is emitted.
         const QPointer<QNetworkReply> alive(reply);
         int refused = 0;
-        const QString refusedText = refusal(*reply, &refused);
+        const QString refusedText = refusal(owner, *reply, &refused);
         if (refused != 0 || reply->error() != QNetworkReply::NoError) {
             const int code = refused != 0 ? refused : int(reply->error());
             const QString message = refused != 0 ? refusedText : errorTextWithoutSecrets(*reply);

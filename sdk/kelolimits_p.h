@@ -21,14 +21,43 @@ constexpr qint64 DefaultMaxNotificationBytes = 1024 * 1024;
 
 // ---- deadlines ------------------------------------------------------------------------------
 
-/// A notification session fetch without an answer is abandoned after this long.
-constexpr int SessionFetchDeadlineMs = 15000;
-/// A WebSocket opening handshake that has not completed is abandoned after this long.
-constexpr int HandshakeDeadlineMs = 15000;
-/// A picture transfer that moves no byte for this long is given up.
-constexpr int PictureIdleTimeoutMs = 30000;
+/// A request (every API request object, the notification session fetch) that moves no byte
+/// either way for this long is given up with NoAnswerError (Kelosdk::setRequestIdleTimeout,
+/// HttpBase::setIdleTimeout; 0: never). On a link gone silent TCP would retry for minutes; an
+/// answer from a healthy server starts well within a second, a slow one within a few, so 20 s is
+/// a dead link, not a slow server, and it still ends a request sent into an outage <= 25 s after
+/// it was sent.
+constexpr int DefaultRequestIdleTimeoutMs = 20000;
+/// A notification session fetch without an answer is given up after this long (and fetched anew
+/// by the watchdog's next round), so that while the channel is down a fetch is tried again every
+/// few seconds and TCP's back-off (SYN sent again after 1, 3, 7, 15 s) never decides how long the
+/// channel stays down once the link is back. A fetch is a TCP connect, a TLS handshake and one
+/// exchange: 4 round trips, 0.6 s on 4G (150 ms), plus 1 s for a lost SYN and 1 s for a lost
+/// segment of the TLS handshake: 2.6 s in a bad case; 4 s leaves room for that.
+constexpr int SessionFetchDeadlineMs = 4000;
+/// A WebSocket opening handshake that has not completed is given up after this long: a TCP
+/// connect, a TLS handshake and the upgrade, the same 4 round trips as a session fetch; until then
+/// the watchdog starts no new session (which would restart the handshake).
+constexpr int HandshakeDeadlineMs = 5000;
+/// A picture transfer that moves no byte for this long is given up (as an API request).
+constexpr int PictureIdleTimeoutMs = DefaultRequestIdleTimeoutMs;
 /// A picture, redirects included, that has not arrived whole after this long is given up.
 constexpr int PictureDeadlineMs = 120000;
+
+// ---- the notification channel's keep-alive and watchdog ----------------------------------------
+
+/// A ping is sent on an open channel this often; the server answers each with a pong.
+constexpr int KeepAliveIntervalMs = 3000;
+/// The channel counts as down (closed, reconnected, the pool's connections dropped) once this many
+/// pings in a row went unanswered: 9 to 12 s of silence. One or two lost pongs happen on a lossy
+/// Wi-Fi without the link being gone; three do not.
+constexpr int MissedPongsBeforeDown = 3;
+/// While the channel is down the watchdog starts a session fetch this often (a fetch still busy
+/// or a handshake still within its deadline is left to finish): 1 s, so that the channel is back
+/// within about a second of the fetch that can succeed.
+constexpr int WatchdogPeriodMs = 1000;
+/// While a session fetch is busy the watchdog looks again this often.
+constexpr int SessionBusyWaitMs = 500;
 
 // ---- pictures in flight ---------------------------------------------------------------------
 
@@ -66,6 +95,8 @@ constexpr int MaxPictureRedirects = 5;
 
 /// An API answer was a redirect (3xx): a captive portal, never the cloud's answer.
 constexpr int RedirectRefusedError = QNetworkReply::TooManyRedirectsError; // 10
+/// A request moved no byte for its idle deadline and was given up.
+constexpr int NoAnswerError = QNetworkReply::TimeoutError; // 4
 /// An API answer was longer than the reply cap and was aborted.
 constexpr int ReplyTooLargeError = QNetworkReply::UnknownContentError; // 299
 

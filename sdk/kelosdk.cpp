@@ -89,12 +89,14 @@ QNetworkAccessManager* KelosdkPrivate::network()
 void KelosdkPrivate::trackRequest(HttpBase* request)
 {
     kelo_detail::sendThrough(*request, network());
+    request->setIdleTimeout(requestIdleMs);
     track(request);
 }
 
 void KelosdkPrivate::trackRequest(HttpBase2* request)
 {
     kelo_detail::sendThrough(*request, network());
+    request->setIdleTimeout(requestIdleMs);
     track(request);
 }
 
@@ -180,6 +182,16 @@ void Kelosdk::setMaxReplySize(qint64 bytes)
 qint64 Kelosdk::maxReplySize() const
 {
     return d->maxReplyBytes;
+}
+
+void Kelosdk::setRequestIdleTimeout(int ms)
+{
+    d->requestIdleMs = qMax(0, ms);
+}
+
+int Kelosdk::requestIdleTimeout() const
+{
+    return d->requestIdleMs;
 }
 
 void Kelosdk::setMaxPictureSize(qint64 bytes)

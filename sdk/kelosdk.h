@@ -70,6 +70,14 @@ public:
     /// closes and reconnects by itself. The default is 1 MiB.
     void setMaxNotificationSize(qint64 bytes);
     qint64 maxNotificationSize() const;
+    /// A request (every request slot, the notification channel's session fetch) that moves no
+    /// byte either way for @p ms milliseconds is given up: its kind is free again and it ends in
+    /// networkError(4, "no answer from the server for 20 s"), once. For paymentRequest() and an
+    /// invoice's "create" the outcome is then unknown (see the integration guide). 0 or less:
+    /// never. The default is 20000. Governs requests made after the call.
+    void setRequestIdleTimeout(int ms);
+    /// Milliseconds without a byte before a request is given up; 0 means never.
+    int requestIdleTimeout() const;
     /** @} */
 
     /// How many of a menu's pictures are fetched at once, for the menus requested afterwards;

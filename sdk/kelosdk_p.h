@@ -105,6 +105,7 @@ public:
     qint64 maxPictureBytes = kelo_limits::DefaultMaxPictureBytes;
     qint64 maxNotificationBytes = kelo_limits::DefaultMaxNotificationBytes;
     int picturesInFlight = kelo_limits::DefaultSdkPicturesInFlight;
+    int requestIdleMs = kelo_limits::DefaultRequestIdleTimeoutMs;
 
     /// Takes @p kind's busy bit, true; or, if a request of the kind is already out, emits the
     /// kind's refusal (keloappError) and returns false.
@@ -119,7 +120,7 @@ public:
     /// signal) and is released with deleteLater(). False, doing nothing, if @p object is not
     /// waited on.
     bool settle(QObject* object);
-    /// Hands @p request the pool and starts waiting on it.
+    /// Hands @p request the pool and the idle deadline and starts waiting on it.
     void trackRequest(HttpBase* request);
     void trackRequest(HttpBase2* request);
     /// Abandons everything waited on: each object is disconnected from @p owner, a request

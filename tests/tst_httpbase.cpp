@@ -201,6 +201,52 @@ private Q_SLOTS:
             QCOMPARE(log.lines(QtDebugMsg), QStringList());
         });
     }
+    // The idle deadline: a request that gets no byte for that long ends in error(4) with the
+    // library's own text, once (a late answer changes nothing); an answer within it, or any answer
+    // with the deadline removed, is delivered. POST and GET alike.
+    void idleDeadline_data()
+    {
+        QTest::addColumn<int>("deadline"); // ms; -1: the default, left alone
+        QTest::addColumn<HTTP_PROCESS>("method");
+        QTest::addColumn<CloudReply>("reply");
+        QTest::addColumn<QByteArray>("outcome");
+        const CloudReply never{0, {}, {}, 0, CloudReply::Fault::NeverAnswer};
+        const CloudReply late{200, "late", {}, 900, {}};
+        const CloudReply soon{200, "soon", {}, 50, {}};
+        QTest::newRow("never answered, GET")
+            << 300 << HTTP_GET << never
+            << QByteArray("error 4 no answer from the server for 300 ms");
+        QTest::newRow("never answered, POST")
+            << 1000 << HTTP_POST << never
+            << QByteArray("error 4 no answer from the server for 1 s");
+        QTest::newRow("answered after the deadline")
+            << 300 << HTTP_POST << late
+            << QByteArray("error 4 no answer from the server for 300 ms");
+        QTest::newRow("answered within the deadline")
+            << 5000 << HTTP_GET << soon << QByteArray("done soon");
+        QTest::newRow("no deadline") << 0 << HTTP_POST << late << QByteArray("done late");
+        QTest::newRow("default") << -1 << HTTP_GET << late << QByteArray("done late");
+    }
+    void idleDeadline()
+    {
+        forKind([this](auto tag) {
+            QFETCH(int, deadline);
+            QFETCH(HTTP_PROCESS, method);
+            QFETCH(CloudReply, reply);
+            QFETCH(QByteArray, outcome);
+            cloud->scriptReply("/transport/x", QString(), reply);
+            Exchange<KIND(tag)> exchange(cloud.url("/transport/x"));
+            QCOMPARE(exchange.request.idleTimeout(), 20000);
+            if (deadline >= 0)
+                exchange.request.setIdleTimeout(deadline);
+            QVERIFY(exchange.request.process(method));
+            QVERIFY(exchange.ended());
+            // A second outcome (the late answer, the deadline firing again) would come by now.
+            QTest::qWait(1200);
+            QCOMPARE(exchange.outcome(), outcome);
+            QCOMPARE(cloud->exchanges("/transport/x").size(), 1);
+        });
+    }
     // The cap on the answer's body: the request ends in error(299) as soon as the announced
     // length or the bytes received pass it; an answer exactly at the cap, or any answer with the
     // cap removed, is delivered whole.

@@ -77,6 +77,7 @@ private Q_SLOTS:
     void noReplyOutlivesItsRequest();
     void sdkGoesFirstWithRequestsOut();
     void notificationClientOutlivesThePool();
+    void deadRequestDropsIdleConnectionsAfterThoseInFlight();
 
 private:
     SdkFixture f;
@@ -393,6 +394,55 @@ void TestPool::notificationClientOutlivesThePool()
     QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(device); }, kWait));
     QCOMPARE(sessionFetches(f.cloud, device).size(), asked + 2);
     QVERIFY(sessionFetches(f.cloud, device).last().connection != pooled.connection);
+}
+
+// A request that dies on its idle deadline tells that the link was dead: the pool's kept-alive
+// connections are dropped and the next request opens a fresh one. Qt drops them by ending its
+// network thread, which would strand a reply still in flight (Qt 5.15: it never finishes), so the
+// drop waits until nothing runs: a slow answer in flight meanwhile arrives whole.
+void TestPool::deadRequestDropsIdleConnectionsAfterThoseInFlight()
+{
+    Kelosdk& sdk = f.newSdk();
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+    sdk.setRequestIdleTimeout(400);
+    sdk.tableRequest();
+    QVERIFY(seen["tableRequestDone"].wait(kWait));
+    auto* pool = sdk.findChild<QNetworkAccessManager*>();
+    QVERIFY(pool);
+
+    // A slow answer in flight through the pool (no deadline of its own), on the warm connection.
+    CloudReply slow = replyWith("slow body");
+    slow.delayMs = 2000;
+    f.cloud->scriptReply("/transport/slow", QString(), slow);
+    QScopedPointer<QNetworkReply> inFlight(
+        pool->get(QNetworkRequest(f.cloud.url("/transport/slow"))));
+    QSignalSpy inFlightEnded(inFlight.data(), &QNetworkReply::finished);
+    QVERIFY(
+        QTest::qWaitFor([&] { return f.cloud->exchanges("/transport/slow").size() == 1; }, kWait));
+
+    // A table list that is never answered: given up at its deadline, once.
+    f.cloud->scriptReply("/kelo/api/table/", QStringLiteral("getlist"),
+                         faultReply(CloudReply::Fault::NeverAnswer));
+    sdk.tableRequest();
+    QVERIFY(seen["networkError"].wait(kWait));
+    QCOMPARE(seen["networkError"].constFirst(),
+             (QVariantList{4, QStringLiteral("no answer from the server for 400 ms")}));
+
+    // The slow answer was not stranded by the drop.
+    QVERIFY(inFlightEnded.count() == 1 || inFlightEnded.wait(kWait));
+    QCOMPARE(inFlight->error(), QNetworkReply::NoError);
+    QCOMPARE(inFlight->readAll(), QByteArray("slow body"));
+    const QList<quint64> before = connectionsOf(f.cloud->exchanges());
+
+    // The next request goes on a connection of its own: the kept-alive one was dropped.
+    sdk.tableRequest();
+    QVERIFY(QTest::qWaitFor([&] { return seen["tableRequestDone"].count() == 2; }, kWait));
+    const QList<CloudExchange> tables = f.cloud->exchanges("/kelo/api/table/");
+    QCOMPARE(tables.size(), 3);
+    QVERIFY2(!before.contains(tables.last().connection),
+             qPrintable(QString::number(tables.last().onConnection)));
+    QTest::qWait(800); // a second outcome of the dead request would come by now
+    QCOMPARE(seen.fired(), (QStringList{"networkError x1", "tableRequestDone x2"}));
 }
 
 QTEST_MAIN(TestPool)

@@ -20,10 +20,6 @@
 
 namespace {
 
-constexpr int KeepAliveIntervalMs = 3000;
-constexpr unsigned long WatchdogPeriodS = 3;
-constexpr unsigned long SessionBusyWaitS = 6;
-
 QString now()
 {
     return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
@@ -188,6 +184,8 @@ WSClient::WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode,
         sessionRequest->cancel();
         sessionBusy = false;
         releaseSessionRequest();
+        // No answer in time: the pool's kept-alive connection it went on is as dead as the link.
+        kelo_detail::dropPoolConnections(WSClientGuard::of(this)->pool);
     });
 
     connect(&webSocket, &QWebSocket::connected, this, &WSClient::onConnected);
@@ -247,7 +245,7 @@ WSClient::~WSClient()
 
 void WSClient::start()
 {
-    timerId = startTimer(KeepAliveIntervalMs, Qt::CoarseTimer);
+    timerId = startTimer(kelo_limits::KeepAliveIntervalMs, Qt::CoarseTimer);
     running = true;
     getSession();
     WatchdogRegistry::instance().add(this);
@@ -269,7 +267,8 @@ void WSClient::sendTextMessage(QString message)
 
 void WSClient::getSession()
 {
-    if (sessionBusy)
+    // A handshake still within its deadline is left to finish: a new session would restart it.
+    if (sessionBusy || WSClientGuard::of(this)->handshakeDeadline.isActive())
         return;
     sessionBusy = true;
     sessionRequest = new HttpBase(httpUrl, nullptr, false);
@@ -368,11 +367,11 @@ void WSClient::run()
     setTerminationEnabled(false);
     while (running) {
         while (sessionBusy) {
-            sleepTerminable(SessionBusyWaitS);
+            sleepTerminable(kelo_limits::SessionBusyWaitMs);
             if (!running)
                 return;
         }
-        sleepTerminable(WatchdogPeriodS);
+        sleepTerminable(kelo_limits::WatchdogPeriodMs);
         if (socketValid)
             continue;
         if (debug)
@@ -381,10 +380,10 @@ void WSClient::run()
     }
 }
 
-void WSClient::sleepTerminable(unsigned long seconds)
+void WSClient::sleepTerminable(unsigned long ms)
 {
     setTerminationEnabled(true); // a terminate() that came meanwhile takes effect here
-    QThread::sleep(seconds);
+    QThread::msleep(ms);
     setTerminationEnabled(false);
 }
 
@@ -392,7 +391,9 @@ void WSClient::timerEvent(QTimerEvent* event)
 {
     if (event->timerId() != timerId)
         return;
-    if (missedPongs > 2) {
+    if (missedPongs >= kelo_limits::MissedPongsBeforeDown) {
+        // The link was silent for several pings: the pool's kept-alive connections are dead too.
+        kelo_detail::dropPoolConnections(WSClientGuard::of(this)->pool);
         onClosed();
         return;
     }

@@ -102,7 +102,7 @@ private:
     /// Hands the finished session request to deleteLater().
     void releaseSessionRequest();
     /// The watchdog's sleep, the only place where terminate() may end the thread.
-    static void sleepTerminable(unsigned long seconds);
+    static void sleepTerminable(unsigned long ms);
     /// At process exit: ends the timer, the session fetch and the socket (see the registry).
     void releaseNetworkAtExit();
     friend class WatchdogRegistry;
