@@ -219,6 +219,7 @@ private:
     void beginRollCall();
     void finalTick();
     void rollCallOver();
+    void closeDuringRollCall(Outcome kind, int code);
     void finalDone(Act act);
     void finish();
     int evaluate();
@@ -262,7 +263,7 @@ private:
     double warmUp = 20;
     // the last check
     bool final = false;          ///< a roll call is going on: the operator waits
-    bool rollCallWanted = false; ///< a roll call starts once the operator's step has ended
+    bool rollCallWanted = false; ///< a roll call is asked for and about to start
     bool rollCallLast = false;   ///< the one after the last link event
     bool ended = false;
     double tFinal = -1;   ///< the roll call's reference time (the last event's end)
@@ -383,12 +384,16 @@ int Day::run()
     connect(s, &Kelosdk::keloappError, this, [this](int code, const QString& text) {
         if (!final)
             outcome(AppError, "keloappError", code, text);
+        else
+            closeDuringRollCall(AppError, code);
     });
     connect(s, &Kelosdk::networkError, this, [this](int code, const QString& text) {
         if (expectedResets.removeOne(text))
             return; // the echo of the day's own onNetworkError()
         if (!final)
             outcome(NetError, "networkError", code, text);
+        else
+            closeDuringRollCall(NetError, code);
     });
     connect(s, &Kelosdk::notify, this, [this](const QString& word) { noticeArrived(word); });
     connect(s, &Kelosdk::tumipayRequestDone, this, [this](const QString& data) {
@@ -781,10 +786,27 @@ void Day::requestRollCall(bool last)
                     tFinal, kBackWithinS);
         std::fflush(stdout);
     }
-    // The operator's step still out ends first (an answer or its deadline); the time still
-    // counts from now.
-    if (pending < 0 && payingWord.isEmpty())
-        beginRollCall();
+    // A customer still paying is given up (the invoice freed now, not in the middle of the roll
+    // call); the operator's call still out goes on beside the roll call until its outcome.
+    if (!payingWord.isEmpty()) {
+        payingWord.clear();
+        reset(QStringLiteral("day: invoice settled"));
+    }
+    beginRollCall();
+}
+
+/// During a roll call an error cannot be told apart from the roll call's own: the first one
+/// ends the operator's call still out, if any (its deadline stays the check that it ends).
+void Day::closeDuringRollCall(Outcome kind, int code)
+{
+    if (pending < 0)
+        return;
+    Call& c = calls[pending];
+    pending = -1;
+    deadlineTimer.stop();
+    c.outcome = kind;
+    c.seconds = nowS(t0) - c.t0;
+    c.code = code;
 }
 
 void Day::beginRollCall()

@@ -7,8 +7,11 @@ set terminal pngcairo size 1000,800 font ",10"
 set output out
 set multiplot layout 3,1 title "A shop day on the network lab"
 set grid
-set key top left
+set key bottom right
 set xlabel "seconds into the day"
+# One time axis for the three panels: the day's length from the samples.
+stats dat index 0 using 1 nooutput
+set xrange [0:STATS_max]
 
 set title "Resident memory and open descriptors (sampled every second)"
 set ylabel "MB"
