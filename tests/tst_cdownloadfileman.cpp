@@ -152,6 +152,17 @@ QStringList cacheFiles(const QString& images)
     return files;
 }
 
+// A data row named @p tag, with ", N in flight" added when @p inFlight is not 1; its first
+// column is the number of pictures in flight.
+QTestData& inFlightRow(int inFlight, const char* tag)
+{
+    if (inFlight == 1)
+        return QTest::newRow(tag) << inFlight;
+    return QTest::newRow(
+               qPrintable(QStringLiteral("%1, %2 in flight").arg(QLatin1String(tag)).arg(inFlight)))
+           << inFlight;
+}
+
 // Plain http pictures on 127.0.0.1, each answered after its own delay, so that pictures asked
 // for together come back in another order. Counts the requests it holds at once (received, not
 // yet answered), overall and per dish (the name before the first "." of the path's last part).
@@ -441,13 +452,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("menu");
         QTest::addColumn<QString>("url"); // of the entry afterwards
         QTest::addColumn<QByteArray>("content");
-        const auto row = [](int inFlight, const char* tag) -> QTestData& {
-            return QTest::newRow(inFlight == 1 ? tag
-                                               : qPrintable(QStringLiteral("%1, %2 in flight")
-                                                                .arg(QLatin1String(tag))
-                                                                .arg(inFlight)))
-                   << inFlight;
-        };
+        const auto row = inFlightRow;
         for (const int inFlight : {1, 3}) {
             const QString base = cloud.baseUrl(),
                           failed = "placeholder\n6.png\nfetched: /img/5.png";
@@ -502,13 +507,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("menu");
         QTest::addColumn<QStringList>("after");
         QTest::addColumn<QString>("why"); // the debug line that gives the picture up
-        const auto row = [](int inFlight, const char* tag) -> QTestData& {
-            return QTest::newRow(inFlight == 1 ? tag
-                                               : qPrintable(QStringLiteral("%1, %2 in flight")
-                                                                .arg(QLatin1String(tag))
-                                                                .arg(inFlight)))
-                   << inFlight;
-        };
+        const auto row = inFlightRow;
         for (const int inFlight : {1, 3}) {
             const auto chain = [](int hops) {
                 QString fetched = "fetched: /img/5.png";
