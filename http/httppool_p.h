@@ -116,6 +116,11 @@ void dropPoolConnections(QNetworkAccessManager* network);
 /// (through a manager of its own afterwards).
 void shareNetwork(WSClient& client, QNetworkAccessManager* pool);
 
+/// The SDK object goes: ends @p client's watchdog (joined), keep-alive timer, deadlines and
+/// session fetch, silences it and hands it (and its socket) to deleteLater(). Safe from a slot of
+/// the client's own signals.
+void retireClient(WSClient* client);
+
 /**
  * A request body that can be read only once. It is not a QBuffer: Qt reads a QBuffer's bytes
  * directly and would rewind them itself; through a plain device Qt must seek back to the start

@@ -139,6 +139,13 @@ void KeloTerminal::wire()
             emit connectedChanged();
         }
     });
+    connect(s, &Kelosdk::noticeGap, this, [this](const QString& code, bool open) {
+        if (open && code == invoice && !noticeLate) {
+            noticeLate = true;
+            emit noticeMayBeLateChanged();
+        }
+        emit noticeGap(code, open);
+    });
     connect(s, &Kelosdk::networkError, this, [this](int code, const QString& message) {
         if (!swallowNetworkError)
             fail(errorOwner(), code, message, NetworkFailure);
@@ -356,6 +363,11 @@ void KeloTerminal::setInvoice(const QString& code)
     if (code != invoice) {
         invoice = code;
         emit invoiceCodeChanged();
+        // A gap belongs to the invoice it was reported for.
+        if (noticeLate) {
+            noticeLate = false;
+            emit noticeMayBeLateChanged();
+        }
     }
 }
 

@@ -48,6 +48,10 @@ class KeloTerminal : public QObject, public QQmlParserStatus
     Q_PROPERTY(QString userName READ userName NOTIFY userChanged)
     Q_PROPERTY(bool busy READ busy NOTIFY busyChanged)
     Q_PROPERTY(QString invoiceCode READ invoiceCode NOTIFY invoiceCodeChanged)
+    /// The notification channel was down while the open invoice was waiting for its payment
+    /// notice: the notice may be late or lost. Stays true until that invoice is paid, cancelled
+    /// or replaced; read it with connected to tell "down now" from "back again".
+    Q_PROPERTY(bool noticeMayBeLate READ noticeMayBeLate NOTIFY noticeMayBeLateChanged)
     Q_PROPERTY(KeloMenuModel* menu READ menu CONSTANT)
     Q_PROPERTY(KeloTableModel* tables READ tables CONSTANT)
     Q_PROPERTY(KeloOrderModel* orders READ orders CONSTANT)
@@ -113,6 +117,7 @@ public:
     QString userName() const { return user; }
     bool busy() const { return current != Kind::None || !queue.isEmpty(); }
     QString invoiceCode() const { return invoice; }
+    bool noticeMayBeLate() const { return noticeLate; }
     KeloMenuModel* menu() { return &menuModel; }
     KeloTableModel* tables() { return &tableModel; }
     KeloOrderModel* orders() { return &orderModel; }
@@ -158,6 +163,7 @@ Q_SIGNALS:
     void userChanged();
     void busyChanged();
     void invoiceCodeChanged();
+    void noticeMayBeLateChanged();
 
     /// Every login answer: 0, or the server's refusal (which also comes as failed()).
     void loginFinished(int code, const QString& message);
@@ -177,6 +183,9 @@ Q_SIGNALS:
     /// The invoice on screen was paid.
     void paymentReceived(const QString& invoiceCode);
     void invoiceCancelled(const QString& invoiceCode);
+    /// The SDK's noticeGap(): the channel went down while @p invoiceCode was open (@p open true)
+    /// or came back after such a gap (false).
+    void noticeGap(const QString& invoiceCode, bool open);
     /// A server notice other than a payment: its event word.
     void notified(const QString& event);
     /// Every error and refusal: the SDK's busy codes (102 to 113), the server's codes, Qt's
@@ -238,6 +247,7 @@ private:
     bool online = false;
     QString user;
     QString invoice;
+    bool noticeLate = false;
     KeloMenuModel menuModel;
     KeloTableModel tableModel;
     KeloOrderModel orderModel;

@@ -11,6 +11,7 @@
 #include "wsclient.h"
 
 #include <QDebug>
+#include <QPointer>
 #include <QUrl>
 #include <QUuid>
 
@@ -157,8 +158,8 @@ Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool deb
     this->machineName = machineName;
     clientUuid = QString::fromLatin1(QUuid::createUuid().toRfc4122().toHex());
 
-    // The notification channel. The client is never deleted and outlives this object: every
-    // connection has this object as its receiver, so Qt drops them when the object goes.
+    // The notification channel. The destructor retires the client (it may be inside one of the
+    // client's signals then, so the client itself goes with deleteLater()).
     const QUrl notificationUrl(QStringLiteral("wss://%1/kelo/ntf/").arg(host));
     const QUrl commonApiUrl(QStringLiteral("%1/kelo/api/common").arg(httpsBase));
     auto* client =
@@ -166,8 +167,8 @@ Kelosdk::Kelosdk(const QString& merchantId, const QString& machineName, bool deb
     d->client = client;
     kelo_detail::shareNetwork(*client, d->network());
     connect(client, SIGNAL(textMessageReceived(QString)), this, SLOT(wssNotify(QString)));
-    connect(client, &WSClient::connected, this, [this] { emit cloudConnectionChange(true); });
-    connect(client, &WSClient::closed, this, [this] { emit cloudConnectionChange(false); });
+    connect(client, &WSClient::connected, this, [this] { d->channelChanged(true); });
+    connect(client, &WSClient::closed, this, [this] { d->channelChanged(false); });
     client->start();
 }
 
@@ -176,7 +177,26 @@ Kelosdk::~Kelosdk()
     // A host may delete this object from a slot of any of its signals, while a request object
     // is inside its own signal: nothing is deleted here, everything leaves with deleteLater().
     d->abandonAll(this);
+    // Before the pool goes: the client's session fetch is cancelled, not left to the pool.
+    kelo_detail::retireClient(d->client);
+    d->client = nullptr;
     delete d;
+}
+
+void KelosdkPrivate::channelChanged(bool up)
+{
+    const bool wasUp = std::exchange(channelUp, up);
+    QPointer<Kelosdk> alive(q);
+    emit q->cloudConnectionChange(up);
+    if (!alive) // the host deleted the object from its slot
+        return;
+    // The channel reports its close on every tick while down: a gap opens on the first one.
+    if (!up && wasUp && !q->invoiceCode.isEmpty() && gapInvoice.isEmpty()) {
+        gapInvoice = q->invoiceCode;
+        emit q->noticeGap(gapInvoice, true);
+    } else if (up && !gapInvoice.isEmpty()) {
+        emit q->noticeGap(std::exchange(gapInvoice, QString()), false);
+    }
 }
 
 // ---- limits ----------------------------------------------------------------------------------
@@ -224,7 +244,6 @@ int Kelosdk::maxPicturesInFlight() const
 void Kelosdk::setMaxNotificationSize(qint64 bytes)
 {
     d->maxNotificationBytes = bytes;
-    // The client outlives this object but never the other way round while this object lives.
     if (d->client)
         d->client->setMaxMessageSize(bytes);
 }
@@ -615,7 +634,13 @@ void Kelosdk::onTumipayQRInvoiceCode(const QVariant& data)
     const int code = Libcmn::getInvoiceQR(reply, msg, readInvoiceCode, nullptr, nullptr);
     if (code == 0) {
         invoiceCode = readInvoiceCode;
+        QPointer<Kelosdk> alive(this);
         emit tumiQRInvoiceCode(reply);
+        // Opened while the channel is down: its notice may be lost from the start.
+        if (alive && !d->channelUp && d->gapInvoice.isEmpty() && !invoiceCode.isEmpty()) {
+            d->gapInvoice = invoiceCode;
+            emit noticeGap(invoiceCode, true);
+        }
     } else {
         emit keloappError(code, msg);
     }

@@ -29,7 +29,8 @@ class KelosdkPrivate;
  *
  * The host may delete the object from a slot of any of its signals, with delete or deleteLater().
  * Requests still out and a menu's picture download are then abandoned: none of their answers is
- * reported, and they are released on the next pass of the event loop.
+ * reported, and they are released on the next pass of the event loop. The notification channel
+ * goes with the object: its watchdog thread ends at once, its socket on that same pass.
  *
  * The server host is compiled in; a non-empty environment variable KELO_SERVER_HOST (host or
  * host:port) replaces it for objects constructed afterwards. TLS uses Qt's default
@@ -121,6 +122,16 @@ Q_SIGNALS:
     void tumipayCancelDone(QString data);
     /// The server's answer to a table payment.
     void paymentDone(QString data);
+    /**
+     * A notice of the open invoice @p invoiceCode may have been missed. @p open true: the
+     * notification channel went down while the invoice was open (or the invoice was opened while
+     * the channel was down); a "payment_success" the server sends meanwhile is lost, so the
+     * tumipayRequestDone() of this invoice may never come. @p open false: the channel is back,
+     * once for each gap opened; a payment made during the gap is still not reported (the host
+     * may ask the customer or the cashier). Emitted after cloudConnectionChange() and
+     * tumiQRInvoiceCode().
+     */
+    void noticeGap(QString invoiceCode, bool open);
 
 public Q_SLOTS:
     /// Logs a staff member in; answers with userLoginDone().

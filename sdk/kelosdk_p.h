@@ -6,6 +6,7 @@
 
 #include <QList>
 #include <QPointer>
+#include <QString>
 #include <QtGlobal>
 
 class HttpBase;
@@ -87,8 +88,14 @@ public:
 
     /// The SDK object this belongs to.
     Kelosdk* const q;
-    /// The notification client; it is never deleted and outlives the SDK object.
+    /// The notification client; the SDK object's destructor retires it (kelo_detail::retireClient).
     WSClient* client = nullptr;
+
+    /// Whether the notification channel is up (connected and not reported closed since).
+    bool channelUp = false;
+    /// The invoice whose notices may have been missed (noticeGap(code, true) was emitted); empty
+    /// when no gap is open.
+    QString gapInvoice;
 
     /// The connection pool that every request of this object goes through (the "create" of an
     /// invoice excepted, see kelo_detail::postOnce()), and the notification client's session
@@ -109,6 +116,10 @@ public:
     qint64 maxNotificationBytes = kelo_limits::DefaultMaxNotificationBytes;
     int picturesInFlight = kelo_limits::DefaultSdkPicturesInFlight;
     int requestIdleMs = kelo_limits::DefaultRequestIdleTimeoutMs;
+
+    /// The notification channel came up (@p up) or reported itself down: emits
+    /// cloudConnectionChange(), then opens or closes a notice gap (noticeGap()).
+    void channelChanged(bool up);
 
     /// Takes @p kind's busy bit, true; or, if a request of the kind is already out, emits the
     /// kind's refusal (keloappError) and returns false.

@@ -55,7 +55,6 @@ private Q_SLOTS:
     void lateAnswersAfterAResetAreNotReported_data();
     void lateAnswersAfterAResetAreNotReported();
     void logsOnlyWhenAskedAndSignalsAlike();
-    void outlivedByItsNotificationClient(); // last: it drops every socket of the cloud
 
 private:
     SdkFixture f;
@@ -361,28 +360,6 @@ void TestKelosdk::logsOnlyWhenAskedAndSignalsAlike()
                  debug ? expected : QStringList());
     }
     QCOMPARE(signalsByRun.at(1), signalsByRun.at(0));
-}
-
-void TestKelosdk::outlivedByItsNotificationClient()
-{
-    f.cloud->clearExchanges();
-    auto* sdk = new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), true);
-    const QString devid = f.newDevice();
-    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(devid); }, kWait));
-    const auto upgradesOf = [&] {
-        int n = 0;
-        for (const kelocloud::CloudUpgrade& upgrade : f.cloud->upgrades())
-            n += upgrade.query.queryItemValue(QStringLiteral("devid")) == devid;
-        return n;
-    };
-    const int before = upgradesOf();
-    delete sdk;
-
-    // A frame, then the loss of the socket, then the client's reconnect: all after the SDK.
-    QVERIFY(f.cloud->pushText(devid, R"({"dt":{"invoice_code":"A"},"msg":"payment_success"})"));
-    QVERIFY(f.cloud->pushText(devid, R"({"msg":"hello"})"));
-    f.cloud->dropWebSockets();
-    QTRY_VERIFY_WITH_TIMEOUT(upgradesOf() > before, 2 * kWait);
 }
 
 QTEST_GUILESS_MAIN(TestKelosdk)

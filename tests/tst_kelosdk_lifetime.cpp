@@ -2,14 +2,21 @@
 // every signal the object sends: nothing of it is used afterwards, and what it had in flight (a
 // request that never ends, a picture run) is released from the event loop, never inside its own
 // signal. Run it under AddressSanitizer: a use of freed memory aborts the test.
+// Objects created, connected and deleted, 100 times, leave the threads, sockets and heap of the
+// process where they were: each object's notification channel goes with it.
 #include "httpbase.h"
 #include "httpbase2.h"
 #include "kelosdkfixture.h"
 #include "sdkkinds.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMetaMethod>
 #include <QPointer>
+
+#include <malloc.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -72,6 +79,43 @@ Drive answered(const char* kind, const QByteArray& body = "{}")
     };
 }
 
+int threadCount()
+{
+    return QDir(QStringLiteral("/proc/self/task"))
+        .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
+        .size();
+}
+
+int socketCount()
+{
+    int sockets = 0;
+    const QDir fds(QStringLiteral("/proc/self/fd"));
+    for (const QString& fd : fds.entryList(QDir::System | QDir::NoDotAndDotDot)) {
+        struct stat info
+        {
+        };
+        if (::stat(QFile::encodeName(fds.filePath(fd)).constData(), &info) == 0 &&
+            S_ISSOCK(info.st_mode))
+            ++sockets;
+    }
+    return sockets;
+}
+
+/// Heap bytes in use (not meaningful under AddressSanitizer, which has its own allocator).
+qint64 heapInUse()
+{
+    return qint64(mallinfo2().uordblks);
+}
+
+/// Lets the event loop release what went with deleteLater().
+void settleEvents()
+{
+    for (int i = 0; i < 5; ++i) {
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QTest::qWait(20);
+    }
+}
+
 /// Deletes the SDK object on the first emission of the signal it is connected to, and counts the
 /// objects of inFlight that did not survive the delete.
 class Killer : public QObject
@@ -117,6 +161,8 @@ private Q_SLOTS:
     void cleanupTestCase() { f.sdk.reset(); }
     void deletedInsideAResultSlot_data();
     void deletedInsideAResultSlot();
+    void channelGoesWithTheObject_data();
+    void channelGoesWithTheObject();
 
 private:
     SdkFixture f;
@@ -246,6 +292,80 @@ void TestSdkLifetime::deletedInsideAResultSlot()
         QTRY_VERIFY_WITH_TIMEOUT(request.isNull(), kWait);
     if (withPictures) // released in the same pass as the requests
         QVERIFY(!QFile::exists(picturePath()));
+}
+
+void TestSdkLifetime::channelGoesWithTheObject_data()
+{
+    QTest::addColumn<bool>("fromSlot"); // deleted from its cloudConnectionChange(true) slot
+    QTest::addColumn<bool>("later");
+    QTest::newRow("after connecting / delete") << false << false;
+    QTest::newRow("after connecting / deleteLater") << false << true;
+    QTest::newRow("from cloudConnectionChange / delete") << true << false;
+    QTest::newRow("from cloudConnectionChange / deleteLater") << true << true;
+}
+
+void TestSdkLifetime::channelGoesWithTheObject()
+{
+    QFETCH(bool, fromSlot);
+    QFETCH(bool, later);
+    constexpr int Objects = 100;
+
+    // One object created, connected and deleted, for Qt's one-off caches (TLS, network thread).
+    const auto cycle = [&](int& connects, int& downs) {
+        auto* sdk =
+            new Kelosdk(QString::fromLatin1(kMerchant), QString::fromLatin1(kMachine), false);
+        QSignalSpy change(sdk, &Kelosdk::cloudConnectionChange);
+        QSignalSpy gap(sdk, &Kelosdk::noticeGap);
+        QSignalSpy gone(sdk, &QObject::destroyed);
+        if (fromSlot)
+            connect(sdk, &Kelosdk::cloudConnectionChange, sdk, [sdk, later](bool up) {
+                if (!up)
+                    return;
+                if (later)
+                    sdk->deleteLater();
+                else
+                    delete sdk;
+            });
+        if (!QTest::qWaitFor([&] { return !change.isEmpty() || !gone.isEmpty(); }, kWait))
+            return false;
+        connects += int(change.count(QList<QVariant>{true}));
+        downs += int(change.count(QList<QVariant>{false})) + gap.count();
+        if (!fromSlot) {
+            if (later)
+                sdk->deleteLater();
+            else
+                delete sdk;
+        }
+        return gone.size() == 1 || gone.wait(kWait);
+    };
+    int connects = 0;
+    int downs = 0;
+    QVERIFY(cycle(connects, downs));
+    settleEvents();
+    QTRY_COMPARE_WITH_TIMEOUT(f.cloud->connectedDevices().size(), 0, kWait);
+
+    // The cloud in this process records every request; only the SDK's own heap is compared.
+    f.cloud->clearExchanges();
+    const int threadsBefore = threadCount();
+    const int socketsBefore = socketCount();
+    const qint64 heapBefore = heapInUse();
+    connects = 0;
+    for (int i = 0; i < Objects; ++i)
+        QVERIFY2(cycle(connects, downs), qPrintable(QStringLiteral("object %1").arg(i)));
+    settleEvents();
+    QCOMPARE(connects, Objects);
+    QCOMPARE(downs, 0);
+    // The server sees every channel close.
+    QTRY_COMPARE_WITH_TIMEOUT(f.cloud->connectedDevices().size(), 0, kWait);
+    QTRY_COMPARE_WITH_TIMEOUT(threadCount(), threadsBefore, kWait);
+    QTRY_COMPARE_WITH_TIMEOUT(socketCount(), socketsBefore, kWait);
+    f.cloud->clearExchanges();
+    const qint64 grown = heapInUse() - heapBefore;
+    qInfo("heap after %d objects: %+lld bytes", Objects, grown);
+#if !defined(__SANITIZE_ADDRESS__)
+    // A client left behind holds a socket, its TLS state and buffers: far more than 4 KiB each.
+    QVERIFY2(grown < Objects * 4096, qPrintable(QString::number(grown)));
+#endif
 }
 
 QTEST_GUILESS_MAIN(TestSdkLifetime)

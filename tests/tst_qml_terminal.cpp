@@ -72,6 +72,8 @@ public:
         cloud->scriptReply(path.toUtf8(), cm, reply);
     }
     Q_INVOKABLE void clearScripts() { cloud->clearScripts(); }
+    /// Closes every notification socket abruptly; how many were open.
+    Q_INVOKABLE int dropWebSockets() { return cloud->dropWebSockets(); }
     /// Requests received so far on @p path (with "cm" @p cm if not empty).
     Q_INVOKABLE int requests(const QString& path, const QString& cm = {})
     {

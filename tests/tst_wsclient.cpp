@@ -238,6 +238,20 @@ private Q_SLOTS:
         QCOMPARE(upgrades().size(), 2);
         QVERIFY(upgrades()[1].accepted);
     }
+    // stop() ends a sleeping watchdog at once (it used to be terminated inside its sleep).
+    void stopEndsTheWatchdogAtOnce()
+    {
+        auto w = watch();
+        QVERIFY(w->startAndConnect());
+        QVERIFY(w->client->isRunning());
+        QElapsedTimer clock;
+        clock.start();
+        w->client->stop();
+        QVERIFY(w->client->wait(kWait));
+        qInfo("watchdog ended %lld ms after stop()", clock.elapsed());
+        QVERIFY(clock.elapsed() < kelo_limits::WatchdogPeriodMs / 2);
+        QCOMPARE(w->closed.count(), 0);
+    }
     // A slow but legitimate opening handshake (a lossy 4G link) is left to finish within its
     // deadline: the watchdog, which looks every second while the channel is down, starts no new
     // session meanwhile (one would restart the handshake, which then never completes).

@@ -8,6 +8,7 @@
 #include "libcmn.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QMutex>
 #include <QMutexLocker>
@@ -17,6 +18,7 @@
 #include <QTime>
 #include <QTimer>
 #include <QTimerEvent>
+#include <QWaitCondition>
 
 namespace {
 
@@ -74,13 +76,17 @@ public:
 };
 
 /*
- * The SDK never deletes its client, so a watchdog thread may still be sleeping when the host
- * destroys its QCoreApplication and the process exits. Were it to wake up then, it would emit
- * reconnect() into an event system that static destruction is tearing down. Every started client
- * is therefore listed here, and all live watchdogs are stopped (terminated and joined) from a
- * post routine, which the QCoreApplication destructor runs while Qt is still whole. For a host
- * that never destroys its application object, a static guard does the same at static
- * destruction, before the Qt globals that were created earlier go away.
+ * A client that its SDK object handed to deleteLater() (or one a host started itself and never
+ * deleted) may still be alive when the host destroys its QCoreApplication and the process exits;
+ * were its watchdog to wake up then, it would emit reconnect() into an event system that static
+ * destruction is tearing down. Every started client is therefore listed here until it is
+ * destroyed, and all live watchdogs are stopped (woken and joined) from a post routine, which the
+ * QCoreApplication destructor runs while Qt is still whole. For a host that never destroys its
+ * application object, a static guard does the same at static destruction, before the Qt globals
+ * that were created earlier go away.
+ *
+ * The watchdogs sleep here too, on one wait condition: stop() wakes them all, and each one that
+ * was not stopped goes back to sleep for the rest of its period.
  */
 class WatchdogRegistry
 {
@@ -111,6 +117,49 @@ public:
         clients.remove(client);
     }
 
+    /// The watchdog of @p client sleeps @p ms, or less if its client is stopped meanwhile.
+    void sleep(const WSClient* client, unsigned long ms)
+    {
+        QDeadlineTimer deadline(qint64(ms), Qt::PreciseTimer);
+        QMutexLocker lock(&sleepMutex);
+        while (client->running && !deadline.hasExpired())
+            watchdogsWake.wait(&sleepMutex, deadline);
+    }
+
+    /// Wakes every sleeping watchdog, so that a stopped one ends at once.
+    void wakeWatchdogs()
+    {
+        QMutexLocker lock(&sleepMutex);
+        watchdogsWake.wakeAll();
+    }
+
+    /// What the SDK object does with its client when it goes: the watchdog is stopped and
+    /// joined, the keep-alive timer, deadlines and session fetch end, nothing more is reported,
+    /// and the client (with its socket) is handed to deleteLater(). The object may be deleted
+    /// from a slot of the client's own signal: nothing of it is deleted here.
+    static void retire(WSClient* client)
+    {
+        client->stop();
+        client->wait();
+        client->blockSignals(true);
+        client->webSocket.blockSignals(true);
+        if (client->timerId != 0) {
+            client->killTimer(client->timerId);
+            client->timerId = 0;
+        }
+        WSClientGuard* guard = WSClientGuard::of(client);
+        guard->sessionDeadline.stop();
+        guard->handshakeDeadline.stop();
+        guard->pool = nullptr;
+        if (client->sessionRequest) {
+            client->sessionRequest->disconnect(client);
+            client->sessionRequest->cancel();
+            client->releaseSessionRequest();
+        }
+        client->sessionBusy = false;
+        client->deleteLater();
+    }
+
 private:
     struct StopAtStaticDestruction
     {
@@ -138,6 +187,9 @@ private:
 
     QMutex mutex;
     QSet<WSClient*> clients;
+    // Separate from mutex: stopAll() holds that one while it joins the watchdogs.
+    QMutex sleepMutex;
+    QWaitCondition watchdogsWake;
     bool postRoutineArmed = false;
 };
 
@@ -236,9 +288,11 @@ WSClient::~WSClient()
         stop();
         wait();
     }
-    // The socket closes itself while it is destroyed; its signals must not reach the handlers
-    // of this half-destroyed object.
+    // Its signals must not reach the handlers of this half-destroyed object. The socket is
+    // aborted here, not closed politely: a retired client is destroyed from the event loop, and
+    // its connection must not outlive it waiting for the server's close.
     webSocket.disconnect(this);
+    webSocket.abort();
     // A fetch still in flight is owned here until it is handed to deleteLater().
     delete sessionRequest;
 }
@@ -255,7 +309,7 @@ void WSClient::start()
 void WSClient::stop()
 {
     running = false;
-    terminate();
+    WatchdogRegistry::instance().wakeWatchdogs();
 }
 
 void WSClient::sendTextMessage(QString message)
@@ -361,17 +415,18 @@ void WSClient::onError(QAbstractSocket::SocketError error)
 
 void WSClient::run()
 {
-    // stop() ends this thread with terminate(). Termination is let through only while the
-    // thread sleeps: cancelled inside a log line or a signal emission, the thread would unwind
-    // through Qt code that cannot be unwound (a destructor), which aborts the process.
-    setTerminationEnabled(false);
+    // stop() clears running and wakes the sleep; the thread then returns by itself (never
+    // terminated, so it never unwinds through Qt code in the middle of a log line or emission).
+    WatchdogRegistry& registry = WatchdogRegistry::instance();
     while (running) {
         while (sessionBusy) {
-            sleepTerminable(kelo_limits::SessionBusyWaitMs);
+            registry.sleep(this, kelo_limits::SessionBusyWaitMs);
             if (!running)
                 return;
         }
-        sleepTerminable(kelo_limits::WatchdogPeriodMs);
+        registry.sleep(this, kelo_limits::WatchdogPeriodMs);
+        if (!running)
+            return;
         if (socketValid)
             continue;
         if (debug)
@@ -380,6 +435,7 @@ void WSClient::run()
     }
 }
 
+// No longer used by the watchdog (see run()); kept because the library exports it.
 void WSClient::sleepTerminable(unsigned long ms)
 {
     setTerminationEnabled(true); // a terminate() that came meanwhile takes effect here
@@ -407,7 +463,12 @@ void WSClient::timerEvent(QTimerEvent* event)
 
 void WSClient::refreshSocketValidity()
 {
-    socketValid = webSocket.isValid();
+    // An opening handshake under way counts as valid for the watchdog: on a slow link it may take
+    // longer than the watchdog's period, and a reconnect would fetch a new session and open the
+    // socket again, aborting it. Its own deadline ends a handshake that takes too long.
+    const QAbstractSocket::SocketState state = webSocket.state();
+    socketValid = webSocket.isValid() || state == QAbstractSocket::HostLookupState ||
+                  state == QAbstractSocket::ConnectingState;
 }
 
 void WSClient::releaseSessionRequest()
@@ -441,6 +502,11 @@ namespace kelo_detail {
 void shareNetwork(WSClient& client, QNetworkAccessManager* pool)
 {
     WSClientGuard::of(&client)->pool = pool;
+}
+
+void retireClient(WSClient* client)
+{
+    WatchdogRegistry::retire(client);
 }
 
 } // namespace kelo_detail

@@ -21,8 +21,8 @@ class QTimerEvent;
  * Before each connection it fetches a session ("get_ws_session"), then opens the socket on a
  * signed URL. It pings every 3000 ms and closes the connection after three unanswered pings;
  * while down, closed() is emitted on every tick. The thread's run() is only a watchdog that emits
- * reconnect() every 3 s while the socket is not valid; the socket, timer and requests all live on
- * the creating thread. Text frames are forwarded unchanged through textMessageReceived().
+ * reconnect() every 3 s while the socket is neither valid nor opening; the socket, timer and
+ * requests all live on the creating thread. Text frames are forwarded unchanged through textMessageReceived().
  *
  * A session fetch without an answer is given up after 15 s, and so is an opening handshake that
  * has not completed; the watchdog then tries again. A notice longer than the cap (see
@@ -36,12 +36,14 @@ public:
     /// @p wsUrl: the notification endpoint; @p httpUrl: the common API endpoint for sessions.
     WSClient(const QUrl& wsUrl, const QUrl& httpUrl, QString merchantCode, QString devid,
              bool debug, QObject* parent);
-    /// Ends a watchdog that is still running (a running QThread must not be destroyed).
+    /// Ends a watchdog that is still running (a running QThread must not be destroyed) and
+    /// aborts the socket.
     ~WSClient() override;
 
     /// Starts the keep-alive timer, fetches a session at once and starts the watchdog thread.
     void start();
-    /// Ends the watchdog (QThread::terminate); the timer and socket are left as they are.
+    /// Ends the watchdog: it wakes from its sleep and returns (join it with wait()); the timer
+    /// and socket are left as they are.
     void stop();
     /// Sends a text frame (nothing in the SDK uses it).
     void sendTextMessage(QString message);
@@ -101,7 +103,8 @@ private:
     void refreshSocketValidity();
     /// Hands the finished session request to deleteLater().
     void releaseSessionRequest();
-    /// The watchdog's sleep, the only place where terminate() may end the thread.
+    /// A terminable sleep of the watchdog's first versions (in ms); the watchdog now sleeps on a
+    /// wait condition that stop() wakes.
     static void sleepTerminable(unsigned long ms);
     /// At process exit: ends the timer, the session fetch and the socket (see the registry).
     void releaseNetworkAtExit();

@@ -1,5 +1,6 @@
 // The e-wallet QR code for the customer. It closes itself when the payment notice of its own
-// invoice arrives.
+// invoice arrives. When the notification channel is (or was) down while it waits, it says that
+// the payment notice may be late.
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
@@ -14,6 +15,11 @@ Popup {
     property real amount: 0
     property string tableName: ""
     readonly property bool qrShown: qr.status === Image.Ready
+    readonly property bool noticeMayBeLate: terminal !== null && terminal.noticeMayBeLate &&
+                                            terminal.invoiceCode === invoiceCode
+    readonly property string noticeWarning: !noticeMayBeLate ? ""
+        : terminal.connected ? qsTr("Connection is back: the payment notice may be late. Ask the customer before cancelling.")
+                             : qsTr("Connection lost: the payment notice may be late.")
     signal paid(string invoiceCode)
 
     function showInvoice(code, source) {
@@ -25,7 +31,7 @@ Popup {
     modal: true
     closePolicy: Popup.NoAutoClose
     anchors.centerIn: Overlay.overlay
-    width: 600; height: 520
+    width: 600; height: 570
     padding: 24
     background: Rectangle { radius: 14; color: "white"; border.color: "#90a4ae" }
 
@@ -70,6 +76,15 @@ Popup {
                 text: qsTr("Waiting for the customer's payment (%1)").arg(dialog.invoiceCode)
                 font.pixelSize: 16; color: "#546e7a"
             }
+        }
+        Label {
+            objectName: "noticeWarning"
+            visible: dialog.noticeWarning !== ""
+            text: dialog.noticeWarning
+            font.pixelSize: 16; font.bold: true; color: "#e65100"
+            wrapMode: Text.WordWrap
+            horizontalAlignment: Text.AlignHCenter
+            Layout.fillWidth: true
         }
         RowLayout {
             Layout.alignment: Qt.AlignHCenter

@@ -23,6 +23,8 @@ TestCase {
     SignalSpy { id: noticeSpy; target: terminal; signalName: "notified" }
     SignalSpy { id: failedSpy; target: terminal; signalName: "failed" }
     SignalSpy { id: tablesSpy; target: terminal; signalName: "tablesReady" }
+    SignalSpy { id: gapSpy; target: terminal; signalName: "noticeGap" }
+    SignalSpy { id: lateSpy; target: terminal; signalName: "noticeMayBeLateChanged" }
 
     Image { id: qr; smooth: false }
 
@@ -42,6 +44,7 @@ TestCase {
         tryCompare(terminal, "busy", false, testWait)
         loginSpy.clear(); menuSpy.clear(); invoiceSpy.clear(); paidSpy.clear()
         cancelSpy.clear(); noticeSpy.clear(); failedSpy.clear(); tablesSpy.clear()
+        gapSpy.clear(); lateSpy.clear()
     }
 
     function openInvoice(amount) {
@@ -94,6 +97,30 @@ TestCase {
         compare(failedSpy.count, 0)
         var next = openInvoice(31000)
         verify(next[0] !== code)
+        compare(failedSpy.count, 0)
+    }
+
+    // The channel drops while the QR code waits: the terminal says at once that the notice may
+    // be late, and still says so once the channel is back; the next invoice starts clean.
+    function test_b_noticeMayBeLate() {
+        var code = openInvoice(12000)[0]
+        compare(terminal.noticeMayBeLate, false)
+        compare(testCloud.dropWebSockets(), 1)
+        tryCompare(gapSpy, "count", 1, testWait)
+        compare(gapSpy.signalArguments[0][0], code)
+        compare(gapSpy.signalArguments[0][1], true)
+        compare(terminal.noticeMayBeLate, true)
+        tryCompare(terminal, "connected", true, testWait)
+        tryCompare(gapSpy, "count", 2, testWait)
+        compare(gapSpy.signalArguments[1][0], code)
+        compare(gapSpy.signalArguments[1][1], false)
+        compare(terminal.noticeMayBeLate, true)
+        compare(lateSpy.count, 1)
+        terminal.cancelInvoice(code)
+        cancelSpy.wait(testWait)
+        compare(terminal.noticeMayBeLate, false)
+        compare(lateSpy.count, 2)
+        compare(paidSpy.count, 0)
         compare(failedSpy.count, 0)
     }
 
