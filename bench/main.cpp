@@ -21,11 +21,15 @@
 //                                              (on the network lab's terminal side, against
 //                                               KELO_LAB_API; merges its rows into FILE)
 //   kelo_bench --link-report FILE              (every lab run's rows of FILE as one table)
+//   kelo_bench --day SECONDS [--seed N] [--day-dat FILE] [--day-report FILE] [--day-plot PNG]
+//                                              (a shop day on the lab's terminal side; exit 1 on
+//                                               any violation of its books, see bench/day.cpp)
 
 #include "bench.h"
 #include "benchsupport.h"
 #include "catalogue.h"
 #include "cloudserver.h"
+#include "day.h"
 #include "idle.h"
 #include "inflight.h"
 #include "link.h"
@@ -52,6 +56,20 @@ int main(int argc, char** argv)
         const int i = args.indexOf(QLatin1String(name));
         return i >= 0 && i + 1 < args.size() ? args.at(i + 1) : QString();
     };
+    if (args.contains(QStringLiteral("--day"))) {
+        DayOptions day;
+        day.seconds = option("--day").toInt();
+        if (!option("--seed").isEmpty())
+            day.seed = option("--seed").toUInt();
+        day.dat = option("--day-dat");
+        day.report = option("--day-report");
+        day.plot = option("--day-plot");
+        if (day.seconds < 10) {
+            std::fprintf(stderr, "kelo_bench --day SECONDS: at least 10 seconds\n");
+            return 2;
+        }
+        return dayMode(day);
+    }
     if (args.contains(QStringLiteral("--callgrind")))
         return callgrindMode(option("--callgrind"), option("--dishes").toInt());
     if (args.contains(QStringLiteral("--idle-sdk")))

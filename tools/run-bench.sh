@@ -9,6 +9,10 @@
 #                                       (tools/netlab/lab.sh), kelo_bench --link on the terminal
 #                                       side; one table, JSON in _build/bench/link.json;
 #                                       KELO_LINK_LOSSY=1 adds the lossy-wifi profile)
+#   bash tools/run-bench.sh --day [MINUTES]
+#                                      (a shop day of MINUTES (30) on the network lab: requests,
+#                                       notices, outages, loss, 4G, kelo-cloud killed; writes
+#                                       docs/shop-day.md and docs/shop-day.png; KELO_DAY_SEED=N)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -22,8 +26,47 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
 # The build is niced and takes at most KELO_BENCH_JOBS (2) jobs: on a shared machine it must not
 # crowd out other people's work; the benchmark runs after it, at normal priority.
 targets=(kelo_bench kelo kelo-cloud)
-[ "${1:-}" = "--link" ] && targets+=(kelo-wire) # the network lab's link
+case ${1:-} in --link | --day) targets+=(kelo-wire) ;; esac # the network lab's link
 nice -n 19 cmake --build "$build" --parallel "${KELO_BENCH_JOBS:-2}" --target "${targets[@]}"
+
+if [ "${1:-}" = "--day" ]; then
+    minutes=${2:-30}
+    [[ $minutes =~ ^[0-9]+$ ]] && [ "$minutes" -ge 1 ] || { echo "run-bench: --day MINUTES (>= 1)" >&2; exit 2; }
+    seed=${KELO_DAY_SEED:-1}
+    echo "run-bench: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), load $(cut -d' ' -f1-3 /proc/loadavg)"
+    echo "run-bench: --day $minutes minutes, seed $seed" >&2
+    started=$SECONDS
+    status=0
+    bash tools/netlab/lab.sh run --profile wifi --dishes 40 --picture-kb 20 --seed "$seed" \
+        --build "$build" -- \
+        bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' day \
+        "$build/bench/kelo_bench" --day $((minutes * 60)) --seed "$seed" \
+        --day-dat "$build/day.dat" --day-report "$build/day.md" --day-plot shop-day.png \
+        | tee "$build/day.log" || status=$?
+    wall=$((SECONDS - started))
+    if command -v gnuplot >/dev/null && [ -s "$build/day.dat" ]; then
+        gnuplot -e "dat='$build/day.dat'; out='$root/docs/shop-day.png'" tools/day-plot.gp
+    fi
+    {
+        echo "# A shop day on the network lab"
+        echo
+        echo "Written by \`bash tools/run-bench.sh --day $minutes\` (bench/day.cpp): one SDK object plays a"
+        echo "waiter's day against kelo-cloud across the lab's wire (docs/netlab.md) while the link is"
+        echo "taken away, loses packets, turns to 4G and back, and kelo-cloud is killed and started"
+        echo "again. The books and their limits are described at the top of bench/day.cpp. The run took"
+        echo "$((wall / 60)) min $((wall % 60)) s end to end (build up to date, lab up and down included)."
+        echo
+        if [ -s "$build/day.md" ]; then cat "$build/day.md"; else echo "The day wrote no report (exit status $status)."; fi
+        echo
+        echo "Violations as the day printed them:"
+        echo
+        echo '```'
+        grep -E 'VIOLATION|SUMMARY' "$build/day.log" | head -n 60 || true
+        echo '```'
+    } > docs/shop-day.md
+    echo "run-bench: report in docs/shop-day.md, plot in docs/shop-day.png ($wall s end to end)"
+    exit "$status"
+fi
 
 if [ "${1:-}" = "--link" ]; then
     json=$build/link.json

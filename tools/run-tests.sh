@@ -6,7 +6,9 @@
 #              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
 #              under a request, a silent outage (and a request sent into a 30 s one ending on its
 #              deadline, the channel back within seconds); functional checks, no timings (the native
-#              stage's build, or _build/netlab when run alone)
+#              stage's build, or _build/netlab when run alone); then a 3-minute shop day
+#              (kelo_bench --day 180: outages, loss, 4G, kelo-cloud killed; non-zero on any
+#              broken promise of its books)
 #   fuzz       each libFuzzer target for FUZZ_SECONDS (default 30) from the seeds
 #   sanitize   the suite under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer
 #   armhf      the suite cross-built for 32-bit ARM (Release) and run under qemu-arm
@@ -68,8 +70,9 @@ netlab() {
         cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
             -DKELO_BUILD_EXAMPLES=OFF
     fi
+    cmake -S . -B "$build" -DKELO_BUILD_BENCH=ON >/dev/null # the shop day is a mode of kelo_bench
     cmake --build "$build" --parallel "$(nproc)" --target tst_netlab tst_lab_outage kelo-cloud \
-        kelo-wire
+        kelo-wire kelo_bench
     key=$(sed -n 's/^KELO_SECRET_KEY:[A-Z]*=//p' "$build/CMakeCache.txt")
     KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile lossy-wifi --dishes 40 \
         --picture-kb 30 --build "$build" -- \
@@ -80,6 +83,11 @@ netlab() {
         --picture-kb 30 --build "$build" -- \
         bash -c 'exec ip netns exec "$KELO_LAB_TERM" env KELO_SERVER_HOST="$KELO_LAB_API" "$@"' \
         netlab "$build/tests/tst_lab_outage"
+    # Seed 10's day: 10 link events, among them a 55 s blackhole and two kelo-cloud restarts.
+    KELO_CLOUD_KEY=$key bash tools/netlab/lab.sh run --profile wifi --dishes 40 \
+        --picture-kb 20 --seed 1 --build "$build" -- \
+        bash -c 'exec ip netns exec "$KELO_LAB_TERM" "$@"' day "$build/bench/kelo_bench" \
+        --day 180 --seed 10
 }
 sanitize() { bash tools/run-sanitizers.sh; }
 fuzz() { FUZZ_SECONDS=${FUZZ_SECONDS:-30} bash tools/run-fuzz.sh; }

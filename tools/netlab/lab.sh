@@ -8,6 +8,8 @@
 #              [--seed N] -- COMMAND [ARGS...]
 #   lab.sh selftest [--build DIR]
 #   lab.sh cleanup
+#   lab.sh cloud-restart [SECONDS]   (from inside a run's COMMAND: kills kelo-cloud outright, as a
+#                                     crash, and starts it again after SECONDS (default 0))
 #
 # Every run has its own names (the script's PID in each namespace, device and path), so several
 # runs may share the machine. On exit, failure and Ctrl-C alike a trap stops the wire, kelo-cloud
@@ -29,7 +31,7 @@ die() {
 }
 
 usage() {
-    sed -n '2,14p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+    sed -n '2,16p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
     exit 2
 }
 
@@ -70,6 +72,7 @@ wire_pid=""
 cloud_pid=""
 nginx_pid=""
 command_pid=""
+keeper_pid=""
 
 # Stops a process and waits for it, SIGKILL after 5 s.
 stop_pid() {
@@ -106,6 +109,10 @@ cleanup() {
     set +e
     [ -n "$command_pid" ] && stop_pid "$command_pid"
     stop_pid "$nginx_pid"
+    # The keeper goes first, so that it starts no kelo-cloud any more; the one it started ends
+    # with it (parent-death signal), and is stopped here too.
+    [ -n "$keeper_pid" ] && { kill -KILL "$keeper_pid" 2>/dev/null; wait "$keeper_pid" 2>/dev/null; }
+    [ -n "$tmp" ] && [ -s "$tmp/cloud.pid" ] && stop_pid "$(cat "$tmp/cloud.pid")"
     stop_pid "$cloud_pid"
     stop_pid "$wire_pid"
     remove_namespace "$ns_term"
@@ -189,12 +196,15 @@ lab_up() {
     [ "$img_host" = h1 ] && picture_host=$h1 || picture_host=$h2
     # kelo-cloud and nginx, like the wire, end with this script even when it is killed outright
     # (setpriv's parent-death signal); the namespaces and files are then for "lab.sh cleanup".
-    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- "$cloud" --listen "$cloud_ip" --port "$api_port" \
+    cloud_cmd=("$cloud" --listen "$cloud_ip" --port "$api_port" \
         --ca-dir "$tmp/ca" --dishes "$dishes" --picture-bytes $((picture_kb * 1024)) \
-        --picture-host "$picture_host" --export-pictures "$tmp/pictures" > "$tmp/cloud.log" 2>&1 &
-    cloud_pid=$!
-    wait_until "grep -q 'listening on' '$tmp/cloud.log' || ! kill -0 $cloud_pid 2>/dev/null" 600
-    grep -q 'listening on' "$tmp/cloud.log" || { cat "$tmp/cloud.log" >&2; die "kelo-cloud did not start"; }
+        --picture-host "$picture_host" --export-pictures "$tmp/pictures")
+    start_cloud "$tmp/cloud.log" || { cat "$tmp/cloud.log" >&2; die "kelo-cloud did not start"; }
+    cloud_pid=$(cat "$tmp/cloud.pid")
+    # The keeper restarts kelo-cloud on request (lab.sh cloud-restart, through a FIFO).
+    mkfifo -m 600 "$tmp/cloud.ctl"
+    cloud_keeper &
+    keeper_pid=$!
     # A large file for bulk transfers (sparse: costs no disk); fetch a part with a Range request.
     mkdir -p "$tmp/pictures/lab"
     truncate -s 256M "$tmp/pictures/lab/bulk.bin"
@@ -257,8 +267,64 @@ EOF
     export KELO_LAB_API=$cloud_ip:$api_port
     export KELO_LAB_PICTURES_H2=$h2 KELO_LAB_PICTURES_H1=$h1
     export KELO_LAB_CA=$tmp/ca/ca.pem KELO_LAB_CLOUD_PID=$cloud_pid KELO_LAB_PROFILE=$profile
+    export KELO_LAB_CLOUD_CTL=$tmp/cloud.ctl
+    export KELO_LAB_CLOUD_RESTART="bash $root/tools/netlab/lab.sh cloud-restart"
     echo "lab: up: profile $profile, terminal $ns_term ($term_ip), cloud $ns_cloud ($cloud_ip):" \
         "API $KELO_LAB_API, pictures $h2 (h2) $h1 (h1), $dishes dishes x $picture_kb KB" >&2
+}
+
+# Starts kelo-cloud in the cloud namespace as a child of the calling shell (it ends with that
+# shell: parent-death signal), its output in $1; writes its PID to $tmp/cloud.pid once it listens.
+start_cloud() {
+    local log=$1 pid
+    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- "${cloud_cmd[@]}" > "$log" 2>&1 &
+    pid=$!
+    disown "$pid" # a kill by the keeper is no job for the shell to report
+    wait_until "grep -q 'listening on' '$log' || ! kill -0 $pid 2>/dev/null" 600
+    grep -q 'listening on' "$log" || return 1
+    echo "$pid" > "$tmp/cloud.pid"
+}
+
+# Reads "restart SECONDS REPLY-FIFO" lines from $tmp/cloud.ctl: kills kelo-cloud outright
+# (SIGKILL, a crash: no socket is closed cleanly), waits SECONDS, starts it again with the same
+# options and CA, and answers "ok PID" or "fail ..." on REPLY-FIFO.
+cloud_keeper() {
+    local verb seconds reply pid n=0 answer
+    trap - EXIT INT TERM HUP
+    set +e
+    while true; do
+        read -r verb seconds reply < "$tmp/cloud.ctl" || continue
+        [ "$verb" = restart ] && [[ $seconds =~ ^[0-9]+$ ]] && [ -p "$reply" ] || continue
+        pid=$(cat "$tmp/cloud.pid" 2>/dev/null || true)
+        [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
+        [ -n "$pid" ] && wait_until "! kill -0 $pid 2>/dev/null" 50
+        sleep "$seconds"
+        n=$((n + 1))
+        if start_cloud "$tmp/cloud.$n.log"; then
+            answer="ok $(cat "$tmp/cloud.pid")"
+        else
+            answer="fail kelo-cloud did not start again: $(tail -n 3 "$tmp/cloud.$n.log" | tr '\n' ' ')"
+        fi
+        echo "$answer" > "$reply" &
+        wait_until "! kill -0 $! 2>/dev/null" 50 || kill -KILL $! 2>/dev/null
+    done
+}
+
+# lab.sh cloud-restart [SECONDS], from a run's COMMAND (KELO_LAB_CLOUD_CTL set).
+cmd_cloud_restart() {
+    local seconds=${1:-0} reply answer="" status=0
+    [[ $seconds =~ ^[0-9]+$ ]] || die "cloud-restart: expected a number of seconds"
+    [ -p "${KELO_LAB_CLOUD_CTL:-}" ] || die "cloud-restart: KELO_LAB_CLOUD_CTL is not a lab's FIFO (run it inside lab.sh run)"
+    reply=$(mktemp -u "${KELO_LAB_CLOUD_CTL%/*}/cloud-reply.XXXXXX")
+    mkfifo -m 600 "$reply"
+    timeout 5 bash -c 'echo "restart $1 $2" > "$3"' _ "$seconds" "$reply" "$KELO_LAB_CLOUD_CTL" || status=$?
+    if [ "$status" -eq 0 ]; then
+        answer=$(timeout $((seconds + 70)) cat "$reply") || status=$?
+    fi
+    rm -f "$reply"
+    [ "$status" -eq 0 ] || die "cloud-restart: the lab's keeper did not answer"
+    echo "$answer"
+    [[ $answer == ok* ]]
 }
 
 # ---- commands ---------------------------------------------------------------------------------
@@ -335,5 +401,6 @@ case $cmd in
 run) cmd_run "$@" ;;
 selftest) cmd_selftest "$@" ;;
 cleanup) cleanup_stale ;;
+cloud-restart) cmd_cloud_restart "$@" ;;
 *) usage ;;
 esac

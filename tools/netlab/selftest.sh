@@ -3,7 +3,8 @@
 # variables). For each profile: round trip (ping from the terminal side) within +-25 % of the
 # profile's, a bulk download from nginx and an upload to it within 60-110 % of the rates
 # (lossy-wifi: loss seen instead, as TCP cannot fill a link that loses 2 %); then the blackhole, nginx over HTTP/2 and
-# HTTP/1.1 with the development CA, and the kelo-cloud API with the lab's menu. Bounds are
+# HTTP/1.1 with the development CA, the kelo-cloud API with the lab's menu, and kelo-cloud killed
+# and started again (lab.sh cloud-restart; the leftover check then covers the new one). Bounds are
 # generous on purpose: this checks that the lab works, not how fast the machine is.
 set -uo pipefail
 
@@ -125,6 +126,14 @@ items=$(grep -o '"item_id"' <<<"$menu" | wc -l)
 echo "  kelo-cloud menu: $items dishes, img_host $(sed -n 's/.*"img_host":"\([^"]*\)".*/\1/p' <<<"$menu")"
 check "kelo-cloud API answers with the menu" "$([ "$items" -gt 0 ] && grep -q '"err":0' <<<"$menu" && echo 1 || echo 0)"
 check "menu pictures on nginx" "$(grep -q "\"img_host\":\"$KELO_LAB_PICTURES_H2\"" <<<"$menu" && echo 1 || echo 0)"
+
+echo "kelo-cloud killed and started again"
+old_pid=$(cat "${KELO_LAB_CLOUD_CTL%/*}/cloud.pid")
+answer=$($KELO_LAB_CLOUD_RESTART 1)
+new_pid=${answer#ok }
+check "cloud-restart: $answer (was $old_pid)" "$([[ $answer == ok* ]] && [ "$new_pid" != "$old_pid" ] && ! kill -0 "$old_pid" 2>/dev/null && echo 1 || echo 0)"
+state=$(curl_term --max-time 10 "https://$KELO_LAB_API/_sim/state")
+check "the new kelo-cloud answers with the same CA" "$(grep -q '"ok":true' <<<"$state" && echo 1 || echo 0)"
 
 if [ "$failures" -gt 0 ]; then
     echo "lab selftest: $failures check(s) failed"
