@@ -15,6 +15,7 @@
 #include "keloqtcompat_p.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QIODevice>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -117,7 +118,48 @@ template <class Owner> struct HttpRequest
         // request goes out: only a fresh one is sure to carry it (and then no more than once).
         setPool(owner, nullptr);
         owner.manager.clearConnectionCache();
-        return process(owner, HTTP_POST, nullptr, Resend::Never);
+        QElapsedTimer since;
+        since.start();
+        QNetworkReply* reply = process(owner, HTTP_POST, nullptr, Resend::Never);
+        watchConnect(owner, reply, since);
+        return reply;
+    }
+
+    // A fresh connection that is not up (TCP and TLS) within FreshConnectDeadlineMs is given up
+    // and a new one opened for the same request: over TLS not one byte of the request leaves
+    // before the handshake ends, so the server cannot have seen it. On a link that comes back
+    // after an outage this is what sends the request within seconds, instead of when TCP's
+    // back-off next sends its SYN (after 1, 3, 7, 15 s). The request's idle deadline still counts
+    // from the first try.
+    static void watchConnect(Owner& owner, QNetworkReply* reply, QElapsedTimer since)
+    {
+        if (!reply || reply->url().scheme() != QLatin1String("https"))
+            return; // without TLS nothing tells whether the request has left
+        auto* timer = new QTimer(reply);
+        timer->setSingleShot(true);
+        timer->setInterval(kelo_limits::FreshConnectDeadlineMs);
+        QObject::connect(reply, &QNetworkReply::encrypted, timer, &QTimer::stop);
+        QObject::connect(reply, &QNetworkReply::finished, timer, &QTimer::stop);
+        QObject::connect(timer, &QTimer::timeout, &owner, [&owner, reply, since] {
+            const int idle = idleTimeout(owner);
+            const qint64 left = idle - since.elapsed();
+            if (owner.reply != reply || !reply->isRunning() ||
+                (idle > 0 && left <= kelo_limits::FreshConnectDeadlineMs))
+                return; // the idle deadline ends it first
+            qCWarning(kelo_log::http).noquote()
+                << QStringLiteral("no connection to %1 after %2 ms; connecting again (nothing "
+                                  "of the request was sent)")
+                       .arg(reply->url().host())
+                       .arg(kelo_limits::FreshConnectDeadlineMs);
+            QObject::disconnect(reply, nullptr, &owner, nullptr);
+            reply->abort();
+            reply->deleteLater();
+            owner.manager.clearConnectionCache();
+            QNetworkReply* again =
+                process(owner, HTTP_POST, nullptr, Resend::Never, idle > 0 ? int(left) : 0);
+            watchConnect(owner, again, since);
+        });
+        timer->start();
     }
 
     // Qt turns post()'s byte array into a QBuffer of the same bytes, so the request on the wire is
@@ -138,8 +180,10 @@ template <class Owner> struct HttpRequest
         return managerOf(owner).put(owner.createRequest(CONTENT_NONE, HTTP_GET), iostream);
     }
 
+    // idleMs: the idle deadline of this reply when not the object's own (a request tried again
+    // keeps what was left of it).
     static QNetworkReply* process(Owner& owner, HTTP_PROCESS processType, QIODevice* iostream,
-                                  Resend resend = Resend::Allowed)
+                                  Resend resend = Resend::Allowed, int idleMs = -1)
     {
         // The stored URL plus the raw parameters, not the exact request sent: for reading only.
         if (owner.debug)
@@ -164,7 +208,7 @@ template <class Owner> struct HttpRequest
         QObject::connect(owner.reply, &QNetworkReply::finished, &owner, &Owner::finished);
         if (owner.reply) {
             watchSize(owner, owner.reply, maxReplySize(owner));
-            watchIdle(owner, owner.reply);
+            watchIdle(owner, owner.reply, idleMs < 0 ? idleTimeout(owner) : idleMs);
         }
         if (PoolLink* link = linkOf(owner)) {
             link->replies.removeAll(nullptr);
@@ -232,9 +276,8 @@ template <class Owner> struct HttpRequest
     // connecting and the TLS handshake count too) is given up: on a link that went silent, TCP
     // would otherwise wait out its own retries for minutes. The timer is a child of the reply and
     // restarts on every sign of progress.
-    static void watchIdle(Owner& owner, QNetworkReply* reply)
+    static void watchIdle(Owner& owner, QNetworkReply* reply, int ms)
     {
-        const int ms = idleTimeout(owner);
         if (ms <= 0)
             return;
         IdleWatch& watch = ensureIdleWatch(owner);

@@ -8,6 +8,7 @@
 #include "logcapture.h"
 #include "signalrecorder.h"
 
+#include <QElapsedTimer>
 #include <QPointer>
 
 namespace {
@@ -67,6 +68,8 @@ private Q_SLOTS:
 
     void requestsShareOneConnection();
     void createGoesOnAConnectionOfItsOwn();
+    void createConnectsAgainWhenTheConnectionStalls_data();
+    void createConnectsAgainWhenTheConnectionStalls();
     void ownObjectsKeepTheirOwnManager();
     void noCookieIsKeptOrSent();
     void createWithoutAnswerIsSentOnce_data();
@@ -137,6 +140,65 @@ void TestPool::createGoesOnAConnectionOfItsOwn()
                           .toString());
     QVERIFY(seen["tumipayCancelDone"].wait(kWait));
     QCOMPARE(f.cloud->openInvoiceCount(), openBefore);
+}
+
+void TestPool::createConnectsAgainWhenTheConnectionStalls_data()
+{
+    QTest::addColumn<int>("stalled"); // connections the server accepts and never reads
+    QTest::addColumn<int>("idleMs");  // the request's idle deadline
+    QTest::addColumn<bool>("created");
+    QTest::addColumn<int>("retries"); // "connecting again" warnings
+    // The link came back during the first try: the second connection carries the request.
+    QTest::newRow("one stalled connection") << 1 << 20000 << true << 1;
+    // It never does: the tries end on the idle deadline counted from the first one (7 s, not
+    // 7 s after the last try): tries at 0 and 3 s, none at 6 s with 1 s left.
+    QTest::newRow("link never back") << 1000 << 7000 << false << 1;
+}
+
+// Over TLS nothing of the request leaves before the handshake ends, so a fresh connection that
+// does not come up is given up and the create goes out on a new one; it still reaches the
+// server no more than once.
+void TestPool::createConnectsAgainWhenTheConnectionStalls()
+{
+    QFETCH(int, stalled);
+    QFETCH(int, idleMs);
+    QFETCH(bool, created);
+    QFETCH(int, retries);
+    Kelosdk& sdk = f.newSdk();
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+    QVERIFY(QTest::qWaitFor([&] { return f.cloud->connectedDevices().contains(f.device); }, kWait));
+    sdk.tableRequest(); // "get_session" then goes on this warm connection
+    QVERIFY(seen["tableRequestDone"].wait(kWait));
+    sdk.setRequestIdleTimeout(idleMs);
+    const int createsBefore =
+        f.cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create")).size();
+
+    LogCapture log;
+    f.cloud->stallConnections(stalled);
+    QElapsedTimer sent;
+    sent.start();
+    sdk.tumipayRequest(5, QStringLiteral("Table 3"), QStringLiteral("Bill 17"));
+    QVERIFY(QTest::qWaitFor(
+        [&] { return seen["tumiQRInvoiceCode"].count() + seen["networkError"].count() > 0; },
+        kWait));
+    const qint64 took = sent.elapsed();
+    f.cloud->stallConnections(0);
+
+    const int creates =
+        f.cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create")).size() - createsBefore;
+    QCOMPARE(creates, created ? 1 : 0);
+    QCOMPARE(log.count(QStringLiteral("connecting again (nothing of the request was sent)")),
+             retries);
+    if (created) {
+        QCOMPARE(seen.fired(), (QStringList{"tableRequestDone x1", "tumiQRInvoiceCode x1"}));
+    } else {
+        QCOMPARE(seen.fired(), (QStringList{"networkError x1", "tableRequestDone x1"}));
+        QCOMPARE(seen["networkError"].first().at(0).toInt(), 4);
+        QCOMPARE(seen["networkError"].first().at(1).toString(),
+                 QStringLiteral("no answer from the server for 7 s"));
+        // Not 3 s later, as a deadline started again with the second try would end it.
+        QVERIFY2(took < idleMs + 2000, qPrintable(QString::number(took)));
+    }
 }
 
 void TestPool::ownObjectsKeepTheirOwnManager()

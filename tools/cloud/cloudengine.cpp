@@ -112,6 +112,7 @@ void Engine::stop()
     // must still see the TLS context alive.
     connections.clear();
     sockets.clear();
+    stalled.clear();
     acceptor.reset();
     returnTimer.reset();
     work.reset();
@@ -154,7 +155,13 @@ void Engine::accept()
             // client's ACK (about 40 ms per picture on loopback otherwise).
             error_code ignored;
             socket.set_option(tcp::no_delay(true), ignored);
-            openHttpSession(*this, std::move(socket));
+            int stall = stallConnections.load();
+            while (stall > 0 && !stallConnections.compare_exchange_weak(stall, stall - 1)) {
+            }
+            if (stall > 0)
+                stalled.push_back(std::move(socket));
+            else
+                openHttpSession(*this, std::move(socket));
         }
         accept();
     });
@@ -174,6 +181,7 @@ void Engine::closeAll()
             socket->abort();
     connections.clear();
     sockets.clear();
+    stalled.clear(); // closes them
     up = false;
 }
 

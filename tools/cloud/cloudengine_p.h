@@ -133,6 +133,7 @@ public:
     std::atomic<bool> answerPings{true};
     std::atomic<int> pings{0};
     std::atomic<bool> refuseUpgrades{false};
+    std::atomic<int> stallConnections{0}; ///< accepted next, then held without a byte
     std::atomic<bool> up{false};
     std::atomic<quint16> port{0};
     std::atomic<std::thread::id> ioThreadId{};
@@ -149,6 +150,7 @@ public:
     std::optional<tcp::acceptor> acceptor;
     std::vector<std::weak_ptr<Connection>> connections;
     std::vector<std::weak_ptr<WsSession>> sockets;
+    std::vector<tcp::socket> stalled; ///< stallConnections(): open, never read
     std::optional<net::steady_timer> returnTimer; ///< the end of an outage of goDownFor()
 };
 

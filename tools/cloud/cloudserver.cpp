@@ -4,6 +4,8 @@
 #include "cloudengine_p.h"
 #include "cloudwssession_p.h"
 
+#include <algorithm>
+
 namespace kelocloud {
 
 QByteArray CloudExchange::header(const QByteArray& name) const
@@ -212,6 +214,11 @@ int CloudServer::dropWebSockets()
 void CloudServer::setRefuseUpgrades(bool refuse)
 {
     d->refuseUpgrades = refuse;
+}
+
+void CloudServer::stallConnections(int connections)
+{
+    d->stallConnections = std::max(connections, 0);
 }
 
 void CloudServer::goDown()

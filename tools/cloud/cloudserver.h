@@ -188,6 +188,10 @@ public:
     int dropWebSockets();
     /// true: answer every upgrade with 403.
     void setRefuseUpgrades(bool refuse);
+    /// The next @p connections accepted are held open and never read: the client's TLS
+    /// handshake gets no answer, as on a link that went silent while it connected. They close
+    /// with stop() or goDown().
+    void stallConnections(int connections);
 
     /// Outage: close the listening socket and every connection (the port stays reserved).
     /// Cancels a return planned by goDownFor().
