@@ -918,9 +918,9 @@ void Day::finalTick()
             std::printf("day: %7.1f s  %s sent %.1f s before the last event's end held its kind "
                         "until %s\n",
                         nowS(t0), actName(calls[held].act), tFinal - calls[held].t0,
-                        heldEnd < 0 ? "the end"
-                                    : qPrintable(QStringLiteral("%1 s after it").arg(heldEnd, 0,
-                                                                                    'f', 1)));
+                        heldEnd < 0
+                            ? "the end"
+                            : qPrintable(QStringLiteral("%1 s after it").arg(heldEnd, 0, 'f', 1)));
         for (Act act : kinds)
             if (!back.contains(act) || back.value(act) > backFrom(act) + kBackWithinS)
                 violation(QStringLiteral("not back"),
@@ -929,10 +929,9 @@ void Day::finalTick()
                               back.contains(act)
                                   ? QStringLiteral("answered %1 s after the last event%2")
                                         .arg(back.value(act), 0, 'f', 1)
-                                        .arg(backFrom(act) > 0
-                                                 ? QStringLiteral(" (free from %1 s)")
-                                                       .arg(backFrom(act), 0, 'f', 1)
-                                                 : QString())
+                                        .arg(backFrom(act) > 0 ? QStringLiteral(" (free from %1 s)")
+                                                                     .arg(backFrom(act), 0, 'f', 1)
+                                                               : QString())
                                   : QStringLiteral("did not answer within %1 s").arg(limit)));
         // A few quiet seconds for the last memory and descriptor samples.
         QTimer::singleShot(5000, this, [this] { finish(); });

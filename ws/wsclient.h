@@ -22,7 +22,8 @@ class QTimerEvent;
  * signed URL. It pings every 3000 ms and closes the connection after three unanswered pings;
  * while down, closed() is emitted on every tick. The thread's run() is only a watchdog that emits
  * reconnect() every 3 s while the socket is neither valid nor opening; the socket, timer and
- * requests all live on the creating thread. Text frames are forwarded unchanged through textMessageReceived().
+ * requests all live on the creating thread. Text frames are forwarded unchanged through
+ * textMessageReceived().
  *
  * A session fetch without an answer is given up after 15 s, and so is an opening handshake that
  * has not completed; the watchdog then tries again. A notice longer than the cap (see

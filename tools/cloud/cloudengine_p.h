@@ -150,7 +150,7 @@ public:
     std::optional<tcp::acceptor> acceptor;
     std::vector<std::weak_ptr<Connection>> connections;
     std::vector<std::weak_ptr<WsSession>> sockets;
-    std::vector<tcp::socket> stalled; ///< stallConnections(): open, never read
+    std::vector<tcp::socket> stalled;             ///< stallConnections(): open, never read
     std::optional<net::steady_timer> returnTimer; ///< the end of an outage of goDownFor()
 };
 
