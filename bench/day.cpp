@@ -224,7 +224,7 @@ private:
     void beginRollCall();
     void finalTick();
     void rollCallOver();
-    void closeDuringRollCall(Outcome kind, int code);
+    void closeDuringRollCall(Outcome kind, int code, const QString& text);
     void heldCallEnded();
     double backFrom(Act act) const;
     void finalDone(Act act);
@@ -394,7 +394,7 @@ int Day::run()
         if (!final)
             outcome(AppError, "keloappError", code, text);
         else
-            closeDuringRollCall(AppError, code);
+            closeDuringRollCall(AppError, code, text);
     });
     connect(s, &Kelosdk::networkError, this, [this](int code, const QString& text) {
         if (expectedResets.removeOne(text))
@@ -402,7 +402,7 @@ int Day::run()
         if (!final)
             outcome(NetError, "networkError", code, text);
         else
-            closeDuringRollCall(NetError, code);
+            closeDuringRollCall(NetError, code, text);
     });
     connect(s, &Kelosdk::notify, this, [this](const QString& word) { noticeArrived(word); });
     connect(s, &Kelosdk::tumipayRequestDone, this, [this](const QString& data) {
@@ -807,9 +807,10 @@ void Day::requestRollCall(bool last)
 
 /// During a roll call an error cannot be told apart from the roll call's own: the first one
 /// ends the operator's call still out, if any (its deadline stays the check that it ends).
-void Day::closeDuringRollCall(Outcome kind, int code)
+void Day::closeDuringRollCall(Outcome kind, int code, const QString& text)
 {
-    if (pending < 0)
+    // A busy refusal is always the roll call's own: the operator's call was taken.
+    if (pending < 0 || (kind == AppError && isBusyRefusal(code, text)))
         return;
     Call& c = calls[pending];
     pending = -1;
