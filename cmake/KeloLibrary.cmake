@@ -14,7 +14,7 @@ set(KELO_PUBLIC_HEADERS
 
 set(KELO_SOURCES
     sdk/kelosdk.cpp
-    sdk/kelologging.cpp
+    global/kelologging.cpp
     protocol/libcmn.cpp
     http/httpbase.cpp
     http/httpbase2.cpp
@@ -59,6 +59,7 @@ set_target_properties(kelo PROPERTIES
 
 target_include_directories(kelo
     PRIVATE
+        "${CMAKE_CURRENT_SOURCE_DIR}/global"
         "${CMAKE_CURRENT_SOURCE_DIR}/sdk"
         "${CMAKE_CURRENT_SOURCE_DIR}/protocol"
         "${CMAKE_CURRENT_SOURCE_DIR}/http"

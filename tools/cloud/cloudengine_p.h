@@ -20,7 +20,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/rfc6455.hpp> // is_upgrade; the stream: cloudwssession.cpp
 
 #include <atomic>
 #include <future>
