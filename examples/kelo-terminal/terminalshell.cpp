@@ -34,17 +34,29 @@ bool TerminalShell::saveScreenshot(const QString& name)
 
 void TerminalShell::payAsCustomer(const QString& invoiceCode)
 {
-    // The simulator's control route; the process already trusts its CA (KeloTerminal added it).
-    QNetworkRequest request(QUrl(QStringLiteral("https://%1/_sim/invoice/paid").arg(serverHost)));
+    // "#" must travel as %23
+    post("/_sim/invoice/paid", "invoice_code=" + QUrl::toPercentEncoding(invoiceCode),
+         [this](bool ok, const QString& answer) { emit customerPaid(ok, answer); });
+}
+
+void TerminalShell::dropChannel()
+{
+    post("/_sim/drop-sockets", QByteArray(),
+         [this](bool ok, const QString& answer) { emit channelDropped(ok, answer); });
+}
+
+void TerminalShell::post(const char* path, const QByteArray& body,
+                         const std::function<void(bool, const QString&)>& answered)
+{
+    // The simulator's control routes; the process already trusts its CA (KeloTerminal added it).
+    QNetworkRequest request(
+        QUrl(QStringLiteral("https://%1%2").arg(serverHost, QLatin1String(path))));
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QStringLiteral("application/x-www-form-urlencoded"));
-    const QByteArray body =
-        "invoice_code=" + QUrl::toPercentEncoding(invoiceCode); // "#" must travel as %23
     QNetworkReply* reply = network.post(request, body);
-    connect(reply, &QNetworkReply::finished, this, [this, reply] {
+    connect(reply, &QNetworkReply::finished, this, [reply, answered] {
         reply->deleteLater();
-        emit customerPaid(reply->error() == QNetworkReply::NoError,
-                          QString::fromUtf8(reply->readAll()));
+        answered(reply->error() == QNetworkReply::NoError, QString::fromUtf8(reply->readAll()));
     });
 }
 

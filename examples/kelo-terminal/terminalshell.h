@@ -6,6 +6,8 @@
 #include <QQuickWindow>
 #include <QString>
 
+#include <functional>
+
 /**
  * What the terminal's QML needs from its host process: the settings given on the command line,
  * screenshots of the window, and (against the local simulator only) the customer's side of an
@@ -41,13 +43,20 @@ public:
     /// Asks the simulator to mark @p invoiceCode paid, as the customer's e-wallet app would;
     /// answered by customerPaid().
     Q_INVOKABLE void payAsCustomer(const QString& invoiceCode);
+    /// Asks the simulator to close every notification socket at once, as a link that drops
+    /// would; answered by channelDropped(). The SDK reconnects by itself.
+    Q_INVOKABLE void dropChannel();
     /// Ends the process with @p status after writing @p message.
     Q_INVOKABLE void finish(int status, const QString& message);
 
 Q_SIGNALS:
     void customerPaid(bool ok, const QString& answer);
+    void channelDropped(bool ok, const QString& answer);
 
 private:
+    void post(const char* path, const QByteArray& body,
+              const std::function<void(bool, const QString&)>& answered);
+
     QString serverHost;
     QString caFile;
     QString merchantId;

@@ -53,6 +53,13 @@ QtObject {
         { name: "06-invoice-qr",
           run: function() { app.billScreen.payByWallet(2, terminal.orders.total) },
           until: function() { return app.qrDialog.opened && app.qrDialog.qrShown && !terminal.busy } },
+        // The channel drops while the customer pays and comes back by itself: the dialog says
+        // that the payment notice may be late.
+        { name: "06-invoice-qr-notice-late",
+          run: function() { shell.dropChannel() },
+          until: function() {
+              return app.qrDialog.opened && app.qrDialog.noticeMayBeLate && terminal.connected
+          } },
         { name: "07-paid",
           run: function() { shell.payAsCustomer(app.qrDialog.invoiceCode) },
           until: function() {
