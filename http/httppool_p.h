@@ -125,6 +125,10 @@ void dropPoolConnections(QNetworkAccessManager* network);
 /// (through a manager of its own afterwards).
 void shareNetwork(WSClient& client, QNetworkAccessManager* pool);
 
+/// Caps the answers of @p client's session fetches started from now on at @p bytes (0 or less:
+/// no cap), as HttpBase::setMaxReplySize() does for a request object.
+void setSessionReplyCap(WSClient& client, qint64 bytes);
+
 /// The SDK object goes: ends @p client's watchdog (joined), keep-alive timer, deadlines and
 /// session fetch, silences it and hands it (and its socket) to deleteLater(). Safe from a slot of
 /// the client's own signals.

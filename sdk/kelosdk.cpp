@@ -201,6 +201,9 @@ void KelosdkPrivate::channelChanged(bool up)
 void Kelosdk::setMaxReplySize(qint64 bytes)
 {
     d->maxReplyBytes = bytes;
+    // The notification client's session fetch is an API answer too.
+    if (d->client)
+        kelo_detail::setSessionReplyCap(*d->client, bytes);
 }
 
 qint64 Kelosdk::maxReplySize() const
