@@ -59,17 +59,26 @@ private:
     bool dropPending = false;
 };
 
-/// A request object's deadline without progress, and the reply it last gave up on. A child of the
-/// object's own manager, made by the first setter call or the first request sent.
-class IdleWatch : public QObject
+/// What a request object keeps beyond the members of its public class, whose layout is fixed:
+/// its deadline without progress and its reply cap, and the reply it last gave up on for either.
+/// A child of the object's own manager, made by the first setter call or the first request sent.
+class RequestState : public QObject
 {
     Q_OBJECT
 public:
-    explicit IdleWatch(QObject* parent, int ms) : QObject(parent), ms(ms) {}
+    RequestState(QObject* parent, int idleMs, qint64 maxReplyBytes)
+        : QObject(parent), idleMs(idleMs), maxReplyBytes(maxReplyBytes)
+    {
+    }
     /// Milliseconds without a byte either way before a request is given up; 0: never.
-    int ms;
+    int idleMs;
     /// The reply given up for its idle deadline, while it lives.
     QPointer<QNetworkReply> expired;
+    /// Bytes an answer may have; 0: no cap.
+    qint64 maxReplyBytes;
+    /// The reply aborted for being longer than its cap, while it lives, and that cap.
+    QPointer<QNetworkReply> tooLarge;
+    qint64 tooLargeCap = 0;
 };
 
 /// What a request object handed to a pool keeps: the pool while it lives, and the replies it
@@ -115,6 +124,10 @@ void dropPoolConnections(QNetworkAccessManager* network);
 /// Has the notification client @p client fetch its sessions through @p pool while the pool lives
 /// (through a manager of its own afterwards).
 void shareNetwork(WSClient& client, QNetworkAccessManager* pool);
+
+/// Caps the answers of @p client's session fetches started from now on at @p bytes (0 or less:
+/// no cap), as HttpBase::setMaxReplySize() does for a request object.
+void setSessionReplyCap(WSClient& client, qint64 bytes);
 
 /// The SDK object goes: ends @p client's watchdog (joined), keep-alive timer, deadlines and
 /// session fetch, silences it and hands it (and its socket) to deleteLater(). Safe from a slot of

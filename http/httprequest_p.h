@@ -217,9 +217,6 @@ template <class Owner> struct HttpRequest
         return owner.reply;
     }
 
-    // Marks a reply that was aborted for being longer than the cap; holds the cap.
-    static constexpr char TooLargeProperty[] = "_kelo_tooLarge";
-
     // Qt buffers the whole answer until it has finished, so the cap is watched while it comes:
     // as soon as the announced length or the bytes received pass it, the transfer is aborted
     // (which closes the connection, so the server stops sending too).
@@ -232,14 +229,16 @@ template <class Owner> struct HttpRequest
         // into memory. A read buffer one byte over the cap makes Qt stop reading there (and the
         // server's sending stall), so the check below always runs before more than that is held.
         reply->setReadBufferSize(cap + 1);
-        const auto check = [&owner, reply, cap] {
-            if (reply->property(TooLargeProperty).isValid())
+        RequestState& state = ensureState(owner);
+        const auto check = [&owner, &state, reply, cap] {
+            if (state.tooLarge == reply)
                 return;
             const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
             if (reply->bytesAvailable() <= cap &&
                 (!announced.isValid() || announced.toLongLong() <= cap))
                 return;
-            reply->setProperty(TooLargeProperty, cap);
+            state.tooLarge = reply;
+            state.tooLargeCap = cap;
             // abort() emits finished() at once, inside Qt's own signal emission; the outcome
             // is reported from the event loop instead, where a handler may delete the owner
             // (and with it this reply) safely.
@@ -252,24 +251,26 @@ template <class Owner> struct HttpRequest
         QObject::connect(reply, &QNetworkReply::readyRead, &owner, check);
     }
 
-    static IdleWatch* idleWatchOf(const Owner& owner)
+    static RequestState* stateOf(const Owner& owner)
     {
-        return owner.manager.template findChild<IdleWatch*>(QString(), Qt::FindDirectChildrenOnly);
+        return owner.manager.template findChild<RequestState*>(QString(),
+                                                               Qt::FindDirectChildrenOnly);
     }
 
-    static IdleWatch& ensureIdleWatch(Owner& owner)
+    static RequestState& ensureState(Owner& owner)
     {
-        if (IdleWatch* watch = idleWatchOf(owner))
-            return *watch;
-        return *new IdleWatch(&owner.manager, kelo_limits::DefaultRequestIdleTimeoutMs);
+        if (RequestState* state = stateOf(owner))
+            return *state;
+        return *new RequestState(&owner.manager, kelo_limits::DefaultRequestIdleTimeoutMs,
+                                 kelo_limits::DefaultMaxReplyBytes);
     }
 
-    static void setIdleTimeout(Owner& owner, int ms) { ensureIdleWatch(owner).ms = qMax(0, ms); }
+    static void setIdleTimeout(Owner& owner, int ms) { ensureState(owner).idleMs = qMax(0, ms); }
 
     static int idleTimeout(const Owner& owner)
     {
-        const IdleWatch* watch = idleWatchOf(owner);
-        return watch ? watch->ms : kelo_limits::DefaultRequestIdleTimeoutMs;
+        const RequestState* state = stateOf(owner);
+        return state ? state->idleMs : kelo_limits::DefaultRequestIdleTimeoutMs;
     }
 
     // A request that moves no byte either way for the idle deadline (from the moment it is sent:
@@ -280,7 +281,7 @@ template <class Owner> struct HttpRequest
     {
         if (ms <= 0)
             return;
-        IdleWatch& watch = ensureIdleWatch(owner);
+        RequestState& state = ensureState(owner);
         auto* timer = new QTimer(reply);
         timer->setSingleShot(true);
         timer->setInterval(ms);
@@ -290,10 +291,10 @@ template <class Owner> struct HttpRequest
         QObject::connect(reply, &QNetworkReply::downloadProgress, timer, progress);
         QObject::connect(reply, &QNetworkReply::uploadProgress, timer, progress);
         QObject::connect(reply, &QNetworkReply::finished, timer, &QTimer::stop);
-        QObject::connect(timer, &QTimer::timeout, &owner, [&owner, &watch, reply] {
+        QObject::connect(timer, &QTimer::timeout, &owner, [&owner, &state, reply] {
             if (!reply->isRunning())
                 return;
-            watch.expired = reply;
+            state.expired = reply;
             // As with the size cap: abort() emits finished() at once; the outcome is reported
             // from the event loop, once.
             QObject::disconnect(reply, &QNetworkReply::finished, &owner, &Owner::finished);
@@ -310,18 +311,18 @@ template <class Owner> struct HttpRequest
     // The outcome of a finished reply that is not the answer asked for, or an empty text.
     static QString refusal(const Owner& owner, const QNetworkReply& reply, int* code)
     {
-        const IdleWatch* watch = idleWatchOf(owner);
-        if (watch && watch->expired == &reply) {
+        const RequestState* state = stateOf(owner);
+        if (state && state->expired == &reply) {
             *code = kelo_limits::NoAnswerError;
-            const int ms = watch->ms;
+            const int ms = state->idleMs;
             return ms % 1000 == 0
                        ? QStringLiteral("no answer from the server for %1 s").arg(ms / 1000)
                        : QStringLiteral("no answer from the server for %1 ms").arg(ms);
         }
-        const QVariant cap = reply.property(TooLargeProperty);
-        if (cap.isValid()) {
+        if (state && state->tooLarge == &reply) {
             *code = kelo_limits::ReplyTooLargeError;
-            return QStringLiteral("reply larger than the limit of %1 bytes").arg(cap.toLongLong());
+            return QStringLiteral("reply larger than the limit of %1 bytes")
+                .arg(state->tooLargeCap);
         }
         // Qt does not follow redirects here, so a 3xx ends without an error. It is never the
         // cloud's answer: typically a captive portal sending the terminal to its login page.
@@ -385,19 +386,17 @@ template <class Owner> struct HttpRequest
             reply->deleteLater();
     }
 
-    // The cap is kept as a property of the object, so that the public classes keep the size and
-    // layout of 1.0.
-    static constexpr char MaxReplyProperty[] = "_kelo_maxReplyBytes";
-
+    // The cap is kept in the object's RequestState, so that the public classes keep the size
+    // and layout of 1.0.
     static void setMaxReplySize(Owner& owner, qint64 bytes)
     {
-        owner.setProperty(MaxReplyProperty, bytes > 0 ? bytes : qint64(0));
+        ensureState(owner).maxReplyBytes = bytes > 0 ? bytes : qint64(0);
     }
 
     static qint64 maxReplySize(const Owner& owner)
     {
-        const QVariant set = owner.property(MaxReplyProperty);
-        return set.isValid() ? set.toLongLong() : kelo_limits::DefaultMaxReplyBytes;
+        const RequestState* state = stateOf(owner);
+        return state ? state->maxReplyBytes : kelo_limits::DefaultMaxReplyBytes;
     }
 
     static void cancel(Owner& owner)

@@ -16,6 +16,7 @@
 #include <QUuid>
 
 #include <iterator>
+#include <memory>
 #include <utility>
 
 using kelo_sdk::RequestKind;
@@ -45,10 +46,6 @@ constexpr quint32 BusyOrder = kelo_sdk::busyBit(RequestKind::FoodOrder);
 constexpr quint32 BusyTableFoods = kelo_sdk::busyBit(RequestKind::TableFoods);
 constexpr quint32 BusyMerge = kelo_sdk::busyBit(RequestKind::Merge);
 constexpr quint32 BusyPayment = kelo_sdk::busyBit(RequestKind::Payment);
-
-// Set on the e-wallet request object once it carries the "create" request (see the invoice
-// chain, above tumipayRequest).
-constexpr char CreateSent[] = "keloCreateSent";
 
 QString number(qint64 value)
 {
@@ -204,6 +201,9 @@ void KelosdkPrivate::channelChanged(bool up)
 void Kelosdk::setMaxReplySize(qint64 bytes)
 {
     d->maxReplyBytes = bytes;
+    // The notification client's session fetch is an API answer too.
+    if (d->client)
+        kelo_detail::setSessionReplyCap(*d->client, bytes);
 }
 
 qint64 Kelosdk::maxReplySize() const
@@ -502,10 +502,11 @@ void Kelosdk::tableMergeRequest(int frmtableId, int totableId)
 //   none             Bit 2 clear, invoiceCode empty. tumipayRequest() claims the bit and creates
 //                    the chain's request object (newTransferRequest), which sends "get_session".
 //   session pending  Bit 2 set; the request object, tracked in d->inFlight, carries
-//                    "get_session" and has no CreateSent property. A session with code 0 (and
-//                    paytype 1) moves on to "create" on the same object (sendCreate); any other
-//                    answer settles the object and emits nothing, and bit 2 stays set.
-//   create pending   Bit 2 set; the same object carries "create" and has CreateSent set: its
+//                    "get_session"; its session handler's createSent flag is clear. A session
+//                    with code 0 (and paytype 1) moves on to "create" on the same object
+//                    (sendCreate); any other answer settles the object and emits nothing, and
+//                    bit 2 stays set.
+//   create pending   Bit 2 set; the same object carries "create" and createSent is set: its
 //                    replies belong to onTumipayQRInvoiceCode alone (the session handler, still
 //                    connected, ignores them).
 //   open             The "create" answer is in and no request object is left; bit 2 stays set
@@ -570,22 +571,27 @@ void Kelosdk::transPermisionRequest(int paytype, long money, const QString& desc
                                     const QString& itemDetail)
 {
     HttpBase2* request = newTransferRequest();
+    // The chain's own state: set once the object carries "create".
+    auto createSent = std::make_shared<bool>(false);
     // The session handler stays connected when "create" reuses the object, so it also sees
     // the "create" reply. A "create" reply with "err" 0 and no "dt" reads as a session (code 0,
     // empty id) and would send a second "create" on an object already scheduled for deletion:
     // once the object carries "create", its replies belong to onTumipayQRInvoiceCode alone.
-    connect(request, &HttpBase2::done, this,
-            [this, request, paytype, money, description, itemDetail](const QVariant& data) {
-                if (request->property(CreateSent).toBool())
-                    return;
-                QString sesId;
-                const int code = Libcmn::getSesId(data.toString(), sesId);
-                // A refused session emits nothing and keeps bit 2 (see the invoice chain above).
-                if (code == 0 && paytype == 1)
-                    sendCreate(request, sesId, money, description, itemDetail);
-                else // the chain ends here: the object has nothing more to carry
-                    d->settle(request);
-            });
+    connect(
+        request, &HttpBase2::done, this,
+        [this, request, createSent, paytype, money, description, itemDetail](const QVariant& data) {
+            if (*createSent)
+                return;
+            QString sesId;
+            const int code = Libcmn::getSesId(data.toString(), sesId);
+            // A refused session emits nothing and keeps bit 2 (see the invoice chain above).
+            if (code == 0 && paytype == 1) {
+                *createSent = true;
+                sendCreate(request, sesId, money, description, itemDetail);
+            } else {
+                d->settle(request); // the chain ends here: nothing more to carry
+            }
+        });
     request->addParameter(QStringLiteral("cm"), QStringLiteral("get_session"), true);
     request->addParameter(QStringLiteral("dt"), Libcmn::formatSession(merchantId, clientUuid),
                           false);
@@ -603,7 +609,6 @@ void Kelosdk::tumipayTransfers(const QString& sesId, long money, const QString& 
 void Kelosdk::sendCreate(HttpBase2* request, const QString& sesId, long money,
                          const QString& description, const QString& itemDetail)
 {
-    request->setProperty(CreateSent, true);
     connect(request, SIGNAL(done(QVariant)), this, SLOT(onTumipayQRInvoiceCode(QVariant)),
             Qt::UniqueConnection);
     connect(request, SIGNAL(done(QVariant)), request, SLOT(deleteLater()));

@@ -1,9 +1,11 @@
-// The build's products: the signing key must never sit in a file as one string.
+// The build's products: the signing key must never sit in a file as one string. And the library's
+// sources: no state of the library rides on a dynamic property of its objects.
 #include "testwait.h"
 
 #include <QDirIterator>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -26,12 +28,52 @@ QString keyForm(const QByteArray& content)
     return {};
 }
 
+/// "file:line: text" for each call of QObject::setProperty() or property() in the code (not the
+/// comments) of the library's folders under @p sourceDir; @p scanned counts the files read.
+QStringList dynamicPropertyCalls(const QString& sourceDir, int* scanned)
+{
+    static const QRegularExpression call(QStringLiteral(R"(\b(setProperty|property)\s*\()"));
+    QStringList found;
+    for (const char* folder : {"sdk", "http", "ws", "catalogue", "protocol"}) {
+        QDirIterator files(sourceDir + QLatin1Char('/') + QLatin1String(folder),
+                           {QStringLiteral("*.h"), QStringLiteral("*.cpp")}, QDir::Files,
+                           QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            QFile file(files.next());
+            if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+                continue;
+            ++*scanned;
+            const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+            for (int i = 0; i < lines.size(); ++i) {
+                const QString code = lines[i].section(QStringLiteral("//"), 0, 0);
+                if (call.match(code).hasMatch())
+                    found << QStringLiteral("%1:%2: %3")
+                                 .arg(file.fileName().mid(sourceDir.size() + 1))
+                                 .arg(i + 1)
+                                 .arg(lines[i].trimmed());
+            }
+        }
+    }
+    return found;
+}
+
 } // namespace
 
 class TestBuild : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    // The library keeps its state in typed members of private classes: a dynamic property is
+    // invisible to the compiler, and one set on a host's object could collide with the host's.
+    void noDynamicPropertyCarriesLibraryState()
+    {
+        int scanned = 0;
+        const QStringList calls =
+            dynamicPropertyCalls(QStringLiteral(KELO_TEST_SOURCE_DIR), &scanned);
+        QVERIFY2(scanned >= 20, qPrintable(QString::number(scanned))); // the folders were found
+        QVERIFY2(calls.isEmpty(), qPrintable(calls.join(QLatin1Char('\n'))));
+    }
+
     void signingKeyIsNotOneStringInTheLibrary()
     {
         QFile library(QStringLiteral(KELO_TEST_LIBRARY_PATH));

@@ -52,6 +52,8 @@ private Q_SLOTS:
     void menuStaysBusyUntilThePicturesAreThrough();
     void menuPicturesInFlight_data();
     void menuPicturesInFlight();
+    void replyCapReachesTheSessionFetch_data();
+    void replyCapReachesTheSessionFetch();
     void lateAnswersAfterAResetAreNotReported_data();
     void lateAnswersAfterAResetAreNotReported();
     void logsOnlyWhenAskedAndSignalsAlike();
@@ -226,6 +228,60 @@ void TestKelosdk::menuPicturesInFlight()
     const QString images = QFileInfo(cachedPicture()).absolutePath();
     QCOMPARE(QDir(images).entryList({"6?.png", "70.png"}, QDir::Files), QStringList());
     QCOMPARE(seen.fired(), QStringList{"networkError x1"});
+}
+
+// The notification client's session fetch is an API answer like the others: the object's reply
+// cap reaches it, for the fetches started after the setter call.
+void TestKelosdk::replyCapReachesTheSessionFetch_data()
+{
+    QTest::addColumn<qint64>("cap"); // -1: left at the default (8 MiB)
+    QTest::addColumn<bool>("refused");
+    QTest::newRow("1000 bytes: refused") << qint64(1000) << true;
+    QTest::newRow("1999 bytes: refused") << qint64(1999) << true;
+    QTest::newRow("2000 bytes: read") << qint64(2000) << false;
+    QTest::newRow("0: no cap") << qint64(0) << false;
+    QTest::newRow("default") << qint64(-1) << false;
+}
+
+void TestKelosdk::replyCapReachesTheSessionFetch()
+{
+    QFETCH(qint64, cap);
+    QFETCH(bool, refused);
+    Kelosdk& sdk = f.newSdk();
+    SignalRecorder seen(&sdk);
+    QTRY_COMPARE_WITH_TIMEOUT(seen["cloudConnectionChange"].size(), 1, kWait);
+    if (cap >= 0)
+        sdk.setMaxReplySize(cap);
+
+    // A refused session of exactly 2000 bytes: the channel stays down whether it is read or not,
+    // only the transport's line tells them apart.
+    QByteArray body = R"({"err":5,"msg":"later","pad":")";
+    body += QByteArray(2000 - body.size() - 2, 'k') + "\"}";
+    QCOMPARE(body.size(), 2000);
+    f.cloud->scriptReply("/kelo/api/common", QStringLiteral("get_ws_session"), replyWith(body),
+                         1000);
+    LogCapture log;
+    const int asked =
+        f.cloud->exchanges("/kelo/api/common", QStringLiteral("get_ws_session")).size();
+    QCOMPARE(f.cloud->dropWebSockets(), 1);
+    // Two more fetches received: the first of them has ended.
+    QVERIFY(f.waitExchanges("/kelo/api/common", QStringLiteral("get_ws_session"), asked + 2));
+    const QString line = QStringLiteral("//error:299, msg:reply larger than the limit of %1 bytes");
+    if (refused)
+        QVERIFY2(log.count(line.arg(cap)) >= 1, qPrintable(log.lines().join('\n')));
+    QCOMPARE(log.count(QStringLiteral("//error:299")) > 0, refused);
+    // The channel stays down meanwhile (its close is repeated on the watchdog's rounds).
+    QSignalSpy& change = seen["cloudConnectionChange"];
+    QVERIFY(change.size() >= 2);
+    for (int i = 1; i < change.size(); ++i)
+        QCOMPARE(change.at(i), QVariantList{false});
+
+    // A normal session answer is far below every cap here: the channel comes back.
+    f.cloud->clearScripts();
+    QTRY_VERIFY_WITH_TIMEOUT(change.last() == QVariantList{true}, kWait);
+    QCOMPARE(seen.fired().size(), 1); // nothing but the channel's changes
+    QCOMPARE(seen.fired().constFirst().section(QLatin1Char(' '), 0, 0),
+             QStringLiteral("cloudConnectionChange"));
 }
 
 void TestKelosdk::lateAnswersAfterAResetAreNotReported_data()

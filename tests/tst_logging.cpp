@@ -107,6 +107,8 @@ private Q_SLOTS:
     void rulesFilterOneArea();
     void sdkFlagStillDecides();
     void secretsReachNoCategory();
+    void rulesSilenceAnSdkHostsLines_data();
+    void rulesSilenceAnSdkHostsLines();
 
 private:
     /// A day that passes through a line of each kind: an SDK object (login, tables, a menu with
@@ -271,6 +273,85 @@ void TestLogging::secretsReachNoCategory()
     for (const Line& line : lines)
         for (const QString& secret : secrets)
             QVERIFY2(!line.text.contains(secret), qPrintable(line.category + ": " + line.text));
+}
+
+// What each line of an SDK host is written as (its request objects and its channel are made with
+// debug off): the rules of the integration guide's "Logging" section, applied as a host does.
+void TestLogging::rulesSilenceAnSdkHostsLines_data()
+{
+    const QString sdk = QStringLiteral("KELOSDK>> Login request");
+    const QString picture = QStringLiteral("=== Image ");
+    const QString failed = QStringLiteral("\"//error:");
+    const QString dropped = QStringLiteral("WebSocket notice dropped: ");
+    QTest::addColumn<QString>("rules");
+    QTest::addColumn<QStringList>("gone");
+    QTest::addColumn<QStringList>("kept");
+    QTest::newRow("no rule") << QString() << QStringList{}
+                             << QStringList{sdk, picture, failed, dropped};
+    // The request objects' and the channel's debug lines: an SDK host has none.
+    QTest::newRow("kelo.http.debug=false, kelo.ws.debug=false")
+        << QStringLiteral("kelo.http.debug=false\nkelo.ws.debug=false") << QStringList{}
+        << QStringList{sdk, picture, failed, dropped};
+    // The guide's two examples: no transport line; the SDK's lines but not the pictures'.
+    QTest::newRow("kelo.http.critical=false, kelo.http.warning=false")
+        << QStringLiteral("kelo.http.critical=false\nkelo.http.warning=false")
+        << QStringList{failed} << QStringList{sdk, picture, dropped};
+    QTest::newRow("kelo.catalogue.debug=false")
+        << QStringLiteral("kelo.catalogue.debug=false") << QStringList{picture}
+        << QStringList{sdk, failed, dropped};
+    // One row per line of the guide's table.
+    QTest::newRow("kelo.http.critical=false")
+        << QStringLiteral("kelo.http.critical=false") << QStringList{failed}
+        << QStringList{sdk, picture, dropped};
+    QTest::newRow("kelo.ws.warning=false")
+        << QStringLiteral("kelo.ws.warning=false") << QStringList{dropped}
+        << QStringList{sdk, picture, failed};
+    QTest::newRow("kelo.sdk.debug=false")
+        << QStringLiteral("kelo.sdk.debug=false") << QStringList{sdk}
+        << QStringList{picture, failed, dropped};
+    QTest::newRow("kelo.*=false") << QStringLiteral("kelo.*=false")
+                                  << QStringList{sdk, picture, failed, dropped} << QStringList{};
+}
+
+void TestLogging::rulesSilenceAnSdkHostsLines()
+{
+    QFETCH(QString, rules);
+    QFETCH(QStringList, gone);
+    QFETCH(QStringList, kept);
+    QLoggingCategory::setFilterRules(rules);
+    f.cloud->clearScripts();
+    Kelosdk& sdk = f.newSdk(true);
+    SignalRecorder seen(&sdk);
+    QTRY_COMPARE_WITH_TIMEOUT(seen["cloudConnectionChange"].size(), 1, kWait);
+    QTRY_VERIFY_WITH_TIMEOUT(f.cloud->connectedDevices().contains(f.device), kWait);
+    log->clear();
+
+    // A login answered 500, a menu with one picture, a notice over the notification cap.
+    f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"), replyWith("", 500));
+    f.cloud->scriptReply(
+        "/kelo/api/item/", QString(),
+        replyWith(
+            QStringLiteral(
+                R"({"dt":{"img_host":"%1","items":[{"img_crc":"%2","img_path":"/pics/7.png","item_id":7}],"last_update":1},"err":0})")
+                .arg(f.cloud.baseUrl())
+                .arg(1700000000000 + 1000 * ++runs)
+                .toUtf8()));
+    f.cloud->scriptReply("/pics/7.png", QString(), replyWith("picture"));
+    sdk.userLogin(QStringLiteral("anna"), kPassword);
+    sdk.foodsRequest();
+    sdk.setMaxNotificationSize(64);
+    QVERIFY(f.cloud->pushText(f.device, QByteArray(65, 'n')));
+    QTRY_VERIFY_WITH_TIMEOUT(seen["networkError"].size() == 1 &&
+                                 seen["foodsRequestDone"].size() == 1 &&
+                                 seen["cloudConnectionChange"].size() == 3,
+                             kWait);
+    QCOMPARE(seen.fired().size(), 3);
+    QCOMPARE(seen["cloudConnectionChange"].at(2), QVariantList{true});
+
+    for (const QString& prefix : gone)
+        QVERIFY2(log->starting(prefix).isEmpty(), qPrintable(prefix));
+    for (const QString& prefix : kept)
+        QVERIFY2(!log->starting(prefix).isEmpty(), qPrintable(prefix));
 }
 
 QTEST_GUILESS_MAIN(TestLogging)

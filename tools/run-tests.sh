@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite, as CI runs it. Installs dependencies, then runs stages in order and stops
 # at the first that fails:
-#   native     the layers' include order (tools/check-layers.sh), then build into _build/tests
-#              (warnings are errors, a random signing key) and run ctest
+#   native     the layers' include order (tools/check-layers.sh), every combination of the build
+#              switches configures (tools/check-build-switches.sh, configure only), then build into
+#              _build/tests (warnings are errors, a random signing key) and run ctest
 #   netlab     the SDK across the network lab's wire (tools/netlab/lab.sh): every request kind on
 #              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
 #              under a request, a silent outage (and a request sent into a 30 s one ending on its
@@ -39,6 +40,7 @@ native() {
     local build=_build/tests key
     bash tools/check-layers.sh # includes follow the layers' order (global/ at the bottom)
     key=$(head -c 1024 /dev/urandom | LC_ALL=C tr -dc 'A-Za-z0-9' | cut -c1-32)
+    bash tools/check-build-switches.sh
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELO_WARNINGS_AS_ERRORS=ON \
         -DKELO_SECRET_KEY="$key"
     cmake --build "$build" --parallel "$(nproc)"

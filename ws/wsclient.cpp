@@ -73,6 +73,9 @@ public:
     /// The SDK object's connection pool, for the session fetch; once the SDK object (and with it
     /// the pool) is gone, each fetch goes through a manager of its own.
     QPointer<QNetworkAccessManager> pool;
+    /// The cap on a session answer, for the fetches started afterwards (the SDK object's
+    /// setMaxReplySize()); 0: no cap.
+    qint64 maxSessionReplyBytes = kelo_limits::DefaultMaxReplyBytes;
 };
 
 /*
@@ -328,6 +331,7 @@ void WSClient::getSession()
     sessionRequest = new HttpBase(httpUrl, nullptr, false);
     if (QNetworkAccessManager* pool = WSClientGuard::of(this)->pool)
         kelo_detail::sendThrough(*sessionRequest, pool);
+    sessionRequest->setMaxReplySize(WSClientGuard::of(this)->maxSessionReplyBytes);
     connect(sessionRequest, SIGNAL(done(QVariant)), this, SLOT(onSessionDone(QVariant)));
     connect(sessionRequest, SIGNAL(error(int, QString)), this, SLOT(onSessionError(int, QString)));
     sessionRequest->addParameter(QStringLiteral("cm"), QStringLiteral("get_ws_session"), true);
@@ -502,6 +506,11 @@ namespace kelo_detail {
 void shareNetwork(WSClient& client, QNetworkAccessManager* pool)
 {
     WSClientGuard::of(&client)->pool = pool;
+}
+
+void setSessionReplyCap(WSClient& client, qint64 bytes)
+{
+    WSClientGuard::of(&client)->maxSessionReplyBytes = bytes > 0 ? bytes : qint64(0);
 }
 
 void retireClient(WSClient* client)
