@@ -19,14 +19,8 @@
 
 namespace {
 
-const QStringList kScreens{"01-login",
-                           "02-login-error",
-                           "03-menu",
-                           "04-tables",
-                           "05-bill",
-                           "06-invoice-qr",
-                           "06-invoice-qr-notice-late",
-                           "07-paid"};
+const QStringList kScreens{"01-login", "02-login-error", "03-menu",        "04-tables",
+                           "05-bill",  "06-invoice-qr",  "06-notice-late", "07-paid"};
 
 // Where @p picture appears, pixel for pixel, in @p screen; (-1, -1) if nowhere.
 QPoint find(const QImage& screen, const QImage& picture)

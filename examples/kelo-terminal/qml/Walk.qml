@@ -55,7 +55,7 @@ QtObject {
           until: function() { return app.qrDialog.opened && app.qrDialog.qrShown && !terminal.busy } },
         // The channel drops while the customer pays and comes back by itself: the dialog says
         // that the payment notice may be late.
-        { name: "06-invoice-qr-notice-late",
+        { name: "06-notice-late",
           run: function() { shell.dropChannel() },
           until: function() {
               return app.qrDialog.opened && app.qrDialog.noticeMayBeLate && terminal.connected
