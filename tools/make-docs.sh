@@ -54,7 +54,9 @@ api() {
         /<\/enumvalue>/ { if (!documented) print compound ": " name; inValue = 0 }
     ' "$out"/xml/*.xml | sort -u)
     if [ -n "$bare" ]; then
-        echo "$bare" | sed 's/^/make-docs: enum value without a documentation comment: /' >&2
+        while read -r value; do
+            echo "make-docs: enum value without a documentation comment: $value" >&2
+        done <<<"$bare"
         exit 1
     fi
     echo "make-docs: wrote $out/html/index.html"
