@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// CDownloadFileMan, which fills the picture cache, and tagDownFileInfo, one picture to fetch.
+
 #include "kelo_export.h"
 
 #include <QHash>
@@ -18,7 +21,7 @@ class QNetworkReply;
 struct tagDownFileInfo
 {
     QString url;                  ///< address to fetch; replaced by a redirect target
-    QString localPath;            ///< cache file path: <data>/images/<id><extension>
+    QString localPath;            ///< cache file path: `<data>/images/<id><extension>`
     unsigned long long stamp = 0; ///< modification time in ms since the epoch; 0 = unknown
     int id = 0;                   ///< dish id ("item_id")
     bool useCache = true;         ///< reported to the host as "img_cache"
@@ -111,9 +114,18 @@ Q_SIGNALS:
     void NotifyComplete(const QString& data);
 
 public Q_SLOTS:
+    /// A picture's reply (the sender) has bytes to read: they go into its file. A sender that is
+    /// not a reply of the run does nothing.
     void HttpReadyRead();
+    /// A picture's reply (the sender) finished: the picture is kept and stamped, its redirect
+    /// followed, or it is given up (placeholder); then the next picture starts. A sender that is
+    /// not a reply of the run does nothing.
     void HttpDownloadFinished();
+    /// Starts the next pictures of the list, as many as maxPicturesInFlight() allows; once the
+    /// list is through, ends the run (DownloadDone()). Outside a run it does nothing.
     void DownloadNextFile();
+    /// Ends the run: drops what is still in flight, releases the run's network managers and
+    /// emits NotifyComplete() with the rewritten menu.
     void DownloadDone();
 
 private:
@@ -167,7 +179,7 @@ private:
     static QString pictureDirectory();
     /// pictureDirectory(), as looked up at the start of the current run.
     QString currentPictureDirectory() const;
-    /// Whether @p localPath names a plain file directly inside <picture directory>/images.
+    /// Whether @p localPath names a plain file directly inside `<picture directory>/images`.
     bool isCacheFilePath(const QString& localPath) const;
     /// isCacheFilePath(), plus: the existing images folder resolves to itself (no symlink out).
     bool isInsideCacheFolder(const QString& localPath) const;

@@ -1,5 +1,9 @@
 #pragma once
 
+/// @file
+/// HttpBase, one asynchronous HTTP exchange, and the request enums HTTP_PROCESS and
+/// CONTENT_TYPE.
+
 #include "httpparams.h"
 #include "kelo_export.h"
 

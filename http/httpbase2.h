@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// HttpBase2: HttpBase's twin that leaves its finished reply alive.
+
 #include "httpbase.h"
 #include "httpparams.h"
 #include "kelo_export.h"

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// HttpParams: the ordered parameter list of a request.
+
 #include "kelo_export.h"
 
 #include <QList>

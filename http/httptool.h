@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The published reply helpers of the namespaces HttpTool and json.
+
 #include "kelo_export.h"
 
 #include <QByteArray>

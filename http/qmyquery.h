@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// QMyQuery: a published list of query items.
+
 #include "kelo_export.h"
 
 #include <QList>

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Libcmn: the protocol's message texts, signatures and the reading of replies and notices.
+
 #include "kelo_export.h"
 
 #include <QJsonObject>

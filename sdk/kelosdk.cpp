@@ -23,6 +23,14 @@ using kelo_sdk::RequestKind;
 
 namespace {
 
+// The refusal table has one row per kind, however many kinds there are: refusalOf() reads the
+// row at the kind's index, so a kind without its row would read past the table's end.
+static_assert(std::size(kelo_sdk::Refusals) == size_t(kelo_sdk::RequestKindCount),
+              "kelo_sdk::Refusals (sdk/kelosdk_p.h) must have one row per kelo_sdk::RequestKind: "
+              "add a row to kelo_sdk::Refusals for the new kind (at the kind's place in the enum, "
+              "with a busy bit of its own, its refusal code and text), or remove the row of a "
+              "kind that is gone");
+
 // The refusal table lists the kinds in their enum's order, each with a bit of its own.
 constexpr bool refusalsInKindOrder()
 {
@@ -33,9 +41,12 @@ constexpr bool refusalsInKindOrder()
             return false;
         bits |= row.busyBit;
     }
-    return std::size(kelo_sdk::Refusals) == size_t(RequestKind::Cancel) + 1;
+    return true;
 }
-static_assert(refusalsInKindOrder(), "one refusal row per request kind, in order, distinct bits");
+static_assert(refusalsInKindOrder(),
+              "kelo_sdk::Refusals (sdk/kelosdk_p.h): row i must be the refusal of the i-th "
+              "kelo_sdk::RequestKind, each with a non-zero busy bit no other row uses: put the "
+              "new kind's row at its place in the enum's order and give it the next free bit");
 
 constexpr quint32 BusyMenu = kelo_sdk::busyBit(RequestKind::Menu);
 constexpr quint32 BusyInvoice = kelo_sdk::busyBit(RequestKind::Invoice);

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The SDK object Kelosdk: the one class a host needs (installed as kelo/kelosdk.h).
+
 #include "kelo_export.h"
 
 #include <QJsonObject>
@@ -62,14 +65,17 @@ public:
     /// An API answer longer than this is aborted and ends in networkError(299, ...).
     /// The default is 8 MiB.
     void setMaxReplySize(qint64 bytes);
+    /// The cap on an API answer in bytes, for requests made from now on; 0 means none.
     qint64 maxReplySize() const;
     /// A dish picture longer than this is given up and shown with the placeholder.
     /// The default is 8 MiB.
     void setMaxPictureSize(qint64 bytes);
+    /// The cap on a dish picture in bytes, for menus requested from now on; 0 means none.
     qint64 maxPictureSize() const;
     /// A notification (message or frame) longer than this is never handed on: the channel
     /// closes and reconnects by itself. The default is 1 MiB.
     void setMaxNotificationSize(qint64 bytes);
+    /// The cap on a notification in bytes (counted in UTF-8); 0 means Qt's own maximum.
     qint64 maxNotificationSize() const;
     /// A request (every request slot, the notification channel's session fetch) that moves no
     /// byte either way for @p ms milliseconds is given up: its kind is free again and it ends in

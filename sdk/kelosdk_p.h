@@ -23,7 +23,8 @@ class SharedNetwork;
 namespace kelo_sdk {
 
 /// The request kinds that the SDK object holds while their request is out: at most one of each.
-/// The e-wallet chain ("get_session", then "create") is one kind, Invoice.
+/// The e-wallet chain ("get_session", then "create") is one kind, Invoice. A new kind goes just
+/// above KindCount, and its row goes at the same place in Refusals below.
 enum class RequestKind
 {
     Login,
@@ -34,8 +35,13 @@ enum class RequestKind
     Merge,
     Payment,
     Invoice,
-    Cancel
+    Cancel,
+    /// Not a kind: how many kinds there are. Stays last.
+    KindCount
 };
+
+/// How many request kinds there are (Refusals has one row for each).
+constexpr int RequestKindCount = static_cast<int>(RequestKind::KindCount);
 
 /// A request kind's busy bit, and the keloappError() that refuses a second request of the kind
 /// while the first holds the bit.

@@ -25,6 +25,8 @@ packages=(
     # The network lab (tools/netlab/lab.sh): namespaces, nginx as the picture host (HTTP/2 and
     # TLS), curl and ping for its self-test.
     iproute2 nginx-light curl iputils-ping
+    # The API reference of the public headers and the architecture picture (tools/make-docs.sh).
+    doxygen graphviz
 )
 packages+=("$@")
 

@@ -3,7 +3,9 @@
 # at the first that fails:
 #   native     the layers' include order (tools/check-layers.sh), every combination of the build
 #              switches configures (tools/check-build-switches.sh, configure only), then build into
-#              _build/tests (warnings are errors, a random signing key) and run ctest
+#              _build/tests (warnings are errors, a random signing key) and run ctest; then the API
+#              reference (tools/make-docs.sh api: fails on any Doxygen warning, an undocumented
+#              public declaration or enum value, or a stale docs/architecture.svg)
 #   netlab     the SDK across the network lab's wire (tools/netlab/lab.sh): every request kind on
 #              a lossy link, the menu as a clean link gives it, a kept-alive connection closed
 #              under a request, a silent outage (and a request sent into a 30 s one ending on its
@@ -45,6 +47,7 @@ native() {
         -DKELO_SECRET_KEY="$key"
     cmake --build "$build" --parallel "$(nproc)"
     ctest --test-dir "$build" --output-on-failure --parallel 2 --timeout 300
+    bash tools/make-docs.sh api
 }
 # Qt 6 with a key of its own too. The side-by-side check needs a Qt 5 build as well: the native
 # stage's when it ran before, otherwise the library and its tools without the suite, into

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// WSClient: the notification WebSocket and its watchdog thread.
+
 #include "kelo_export.h"
 
 #include <QAbstractSocket>
@@ -21,12 +24,12 @@ class QTimerEvent;
  * Before each connection it fetches a session ("get_ws_session"), then opens the socket on a
  * signed URL. It pings every 3000 ms and closes the connection after three unanswered pings;
  * while down, closed() is emitted on every tick. The thread's run() is only a watchdog that emits
- * reconnect() every 3 s while the socket is neither valid nor opening; the socket, timer and
+ * reconnect() every second while the socket is neither valid nor opening; the socket, timer and
  * requests all live on the creating thread. Text frames are forwarded unchanged through
  * textMessageReceived().
  *
- * A session fetch without an answer is given up after 15 s, and so is an opening handshake that
- * has not completed; the watchdog then tries again. A notice longer than the cap (see
+ * A session fetch without an answer is given up after 4 s, and an opening handshake that has not
+ * completed after 5 s; the watchdog then tries again. A notice longer than the cap (see
  * setMaxMessageSize()) is never forwarded: the socket closes and the channel is opened again at
  * once, on a fresh session.
  */
@@ -62,22 +65,45 @@ public:
     qint64 maxMessageSize() const;
 
 Q_SIGNALS:
+    /// The socket is open: the opening handshake on a fresh session completed.
     void connected();
+    /// A text notice, as the server sent it (never one longer than maxMessageSize()).
     void textMessageReceived(QString message);
+    /// The socket closed, its handshake was given up, or three pings went unanswered; while the
+    /// channel stays down it is emitted again on every keep-alive tick (3 s).
     void closed();
+    /// Emitted by the watchdog thread while the socket is neither valid nor opening; it reaches
+    /// getSession() as a queued call on the creating thread.
     void reconnect();
 
 public Q_SLOTS:
+    /// The socket connected: emits connected() and counts missed pongs from 0 again.
     void onConnected();
+    /// Emits textMessageReceived() with @p message (the socket's notices take a path of their
+    /// own that checks their size first; this slot is for a caller that hands one in itself).
     void onTextMessageReceived(QString message);
+    /// The socket disconnected, or pongs went missing: closes the socket and emits closed().
     void onClosed();
+    /// Opens the socket on the notification URL as it stands, without fetching a session (the
+    /// watchdog goes through getSession() instead).
     void onReConnect();
+    /// The session fetch answered: opens the socket with the session @p data carries; an answer
+    /// without one opens nothing, and the watchdog fetches again.
     void onSessionDone(QVariant data);
+    /// The session fetch failed (@p errorCode, @p errorMessage as the request gave them): the
+    /// watchdog fetches again on its next round.
     void onSessionError(int errorCode, QString errorMessage);
+    /// A socket error: logged when the debug flag is set; the close that follows (or the
+    /// watchdog) opens the channel again.
     void onError(QAbstractSocket::SocketError error);
 
 protected:
+    /// The watchdog thread: sleeps a second at a time (longer while a session fetch is busy)
+    /// until stop() wakes it, and emits reconnect() whenever the socket is neither valid nor
+    /// opening. It reads only atomics and never touches the socket, timer or requests.
     void run() override;
+    /// The keep-alive tick (every 3 s, on the creating thread): pings an open socket; after three
+    /// unanswered pings in a row it drops the pool's kept-alive connections and calls onClosed().
     void timerEvent(QTimerEvent* event) override;
 
 private:
