@@ -115,18 +115,15 @@ private:
     /// one picture), a request object and a notification client with their debug lines on, and
     /// a request to a closed port.
     void runDay(bool sdkDebug);
+    /// The next menu answer: one dish whose picture is fetched (its stamp is new each time).
+    void scriptMenuWithOnePicture();
     SdkFixture f;
     std::unique_ptr<CategoryCapture> log;
     qint64 runs = 0; // each day's picture has a stamp a second later: it is fetched again
 };
 
-void TestLogging::runDay(bool sdkDebug)
+void TestLogging::scriptMenuWithOnePicture()
 {
-    f.cloud->clearScripts();
-    Kelosdk& sdk = f.newSdk(sdkDebug);
-    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
-    f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"),
-                         replyWith(R"({"dt":{"staff_id":4,"staff_name":"Anna"},"err":0})"));
     f.cloud->scriptReply(
         "/kelo/api/item/", QString(),
         replyWith(
@@ -136,6 +133,16 @@ void TestLogging::runDay(bool sdkDebug)
                 .arg(1700000000000 + 1000 * ++runs)
                 .toUtf8()));
     f.cloud->scriptReply("/pics/7.png", QString(), replyWith("picture"));
+}
+
+void TestLogging::runDay(bool sdkDebug)
+{
+    f.cloud->clearScripts();
+    Kelosdk& sdk = f.newSdk(sdkDebug);
+    SignalRecorder seen(&sdk, {"cloudConnectionChange"});
+    f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"),
+                         replyWith(R"({"dt":{"staff_id":4,"staff_name":"Anna"},"err":0})"));
+    scriptMenuWithOnePicture();
     sdk.userLogin(QStringLiteral("anna"), kPassword);
     sdk.tableRequest();
     sdk.foodsRequest();
@@ -328,15 +335,7 @@ void TestLogging::rulesSilenceAnSdkHostsLines()
 
     // A login answered 500, a menu with one picture, a notice over the notification cap.
     f.cloud->scriptReply("/kelo/api/login/", QStringLiteral("client_login"), replyWith("", 500));
-    f.cloud->scriptReply(
-        "/kelo/api/item/", QString(),
-        replyWith(
-            QStringLiteral(
-                R"({"dt":{"img_host":"%1","items":[{"img_crc":"%2","img_path":"/pics/7.png","item_id":7}],"last_update":1},"err":0})")
-                .arg(f.cloud.baseUrl())
-                .arg(1700000000000 + 1000 * ++runs)
-                .toUtf8()));
-    f.cloud->scriptReply("/pics/7.png", QString(), replyWith("picture"));
+    scriptMenuWithOnePicture();
     sdk.userLogin(QStringLiteral("anna"), kPassword);
     sdk.foodsRequest();
     sdk.setMaxNotificationSize(64);
