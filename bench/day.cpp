@@ -297,8 +297,8 @@ bool Day::readLab()
     startProfile =
         env("KELO_LAB_PROFILE").isEmpty() ? QStringLiteral("wifi") : env("KELO_LAB_PROFILE");
     QFile caFile(ca);
-    if (api.isEmpty() || wireCtl.isEmpty() || restartCommand.isEmpty() ||
-        controlToken.isEmpty() || !caFile.open(QIODevice::ReadOnly)) {
+    if (api.isEmpty() || wireCtl.isEmpty() || restartCommand.isEmpty() || controlToken.isEmpty() ||
+        !caFile.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "day: not inside the network lab (KELO_LAB_API, KELO_LAB_CA, "
                              "KELO_LAB_WIRE_CTL, KELO_LAB_CLOUD_RESTART, "
                              "KELO_LAB_CONTROL_TOKEN): run it through tools/netlab/lab.sh run\n");

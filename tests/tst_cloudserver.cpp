@@ -22,8 +22,8 @@ namespace {
 
 const QString kItems = QStringLiteral("/kelo/api/item/?cm=getlist&dt=%7B%7D");
 /// The merchant's menu, as the SDK asks for it.
-const QString kMenu = QStringLiteral(
-    "/kelo/api/item/?cm=getlist&dt=%7B%22merchant_code%22%3A%22M01%22%7D");
+const QString kMenu =
+    QStringLiteral("/kelo/api/item/?cm=getlist&dt=%7B%22merchant_code%22%3A%22M01%22%7D");
 
 /// "<error> <status>" of a finished reply, e.g. "RemoteHostClosedError 200".
 QString errorAndStatus(const ReplyOutcome& outcome)
@@ -499,8 +499,8 @@ void TestCloudServer::controlAnswersOnlyToItsToken_data()
     QTest::addColumn<QByteArray>("sent");     // X-Kelo-Control-Token; null: no such header
     QTest::addColumn<QString>("route");       // a control route (a fault on the menu) or the API
     QTest::addColumn<int>("status");
-    QTest::addColumn<QString>("error");  // the control answer's "error"; empty: none
-    QTest::addColumn<bool>("faulted");   // the menu request after it gets the scripted 503
+    QTest::addColumn<QString>("error"); // the control answer's "error"; empty: none
+    QTest::addColumn<bool>("faulted");  // the menu request after it gets the scripted 503
 
     const QByteArray token = "Tk_9-abcdefghijklmnopqrstuvwxyz0";
     const QString fault = QStringLiteral("/_sim/fault");

@@ -403,8 +403,8 @@ void TestSimulator::controlTokenFromOptionOrEnvironment_data()
     QTest::newRow("loopback, none given: none needed") << QStringList() << QString() << "";
     QTest::newRow("another loopback address: none needed")
         << QStringList{"--listen", "127.0.0.3"} << QString() << "";
-    QTest::newRow("--control-token") << QStringList{"--control-token", option} << QString()
-                                     << option;
+    QTest::newRow("--control-token")
+        << QStringList{"--control-token", option} << QString() << option;
     QTest::newRow("KELO_CLOUD_CONTROL_TOKEN") << QStringList() << variable << variable;
     QTest::newRow("the option before the variable")
         << QStringList{"--control-token", option} << variable << option;
@@ -425,11 +425,10 @@ void TestSimulator::controlTokenFromOptionOrEnvironment()
     QTest::qWait(200); // a third line that should not be there
     out += tool.readAllStandardOutput();
     const QRegularExpressionMatch started =
-        QRegularExpression("^kelo-cloud listening on (127\\.0\\.0\\.\\d:\\d+)\nkelo-cloud CA "
-                           "certificate: [^\n]+\n" +
-                           (token.isEmpty() ? QString()
-                                            : "kelo-cloud control token: " + token + "\n") +
-                           "$")
+        QRegularExpression(
+            "^kelo-cloud listening on (127\\.0\\.0\\.\\d:\\d+)\nkelo-cloud CA "
+            "certificate: [^\n]+\n" +
+            (token.isEmpty() ? QString() : "kelo-cloud control token: " + token + "\n") + "$")
             .match(QString::fromUtf8(out));
     QVERIFY2(started.hasMatch(), (out + tool.readAllStandardError()).constData());
 
@@ -470,8 +469,9 @@ void TestSimulator::badControlTokenStopsTheTool_data()
         << QStringList{"--control-token", good + " x"} << QString()
         << "--control-token: a control token holds only A-Z a-z 0-9 - _";
     QTest::newRow("KELO_CLOUD_CONTROL_TOKEN with a colon")
-        << QStringList() << good + ":" << "KELO_CLOUD_CONTROL_TOKEN: a control token holds only "
-                                          "A-Z a-z 0-9 - _";
+        << QStringList() << good + ":"
+        << "KELO_CLOUD_CONTROL_TOKEN: a control token holds only "
+           "A-Z a-z 0-9 - _";
 }
 
 void TestSimulator::badControlTokenStopsTheTool()

@@ -153,8 +153,7 @@ int LabControl::simulatorStateStatus(const QByteArray& sentToken)
 {
     int status = 0;
     QByteArray body;
-    return send("GET", QStringLiteral("/_sim/state"), {}, sentToken, &status, &body) ? status
-                                                                                      : -1;
+    return send("GET", QStringLiteral("/_sim/state"), {}, sentToken, &status, &body) ? status : -1;
 }
 
 bool LabControl::restartCloud()
@@ -167,8 +166,8 @@ bool LabControl::restartCloud()
     restart.setProcessChannelMode(QProcess::MergedChannels);
     restart.start(QStringLiteral("sh"), {QStringLiteral("-c"), restartCommand + " 0"});
     if (!restart.waitForFinished(2 * kControlWaitMs) || restart.exitCode() != 0) {
-        error = QStringLiteral("%1 0: %2").arg(
-            restartCommand, QString::fromLocal8Bit(restart.readAll()).trimmed());
+        error = QStringLiteral("%1 0: %2")
+                    .arg(restartCommand, QString::fromLocal8Bit(restart.readAll()).trimmed());
         return false;
     }
     return true;

@@ -2,8 +2,8 @@
 // in two namespaces, a link with delay, bandwidth and loss between them): what a shop's link does
 // to the request kinds, the menu, a kept-alive connection closed under a request, and a silent
 // outage of the notification channel; kelo-cloud's control routes answering across the lab only
-// to its control token, before and after a restart. Functional checks only, no timings. Outside the lab
-// (KELO_LAB_API unset) every test skips; the CI stage "netlab" runs it inside.
+// to its control token, before and after a restart. Functional checks only, no timings. Outside the
+// lab (KELO_LAB_API unset) every test skips; the CI stage "netlab" runs it inside.
 #include "kelosdk.h"
 #include "labcontrol.h"
 #include "signalrecorder.h"

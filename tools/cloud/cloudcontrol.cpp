@@ -164,8 +164,7 @@ ControlReply CloudControl::handle(const CloudExchange& request)
         ControlReply (CloudControl::*run)(const Form&);
     };
     // Before anything else: without the token not even an unknown route is named.
-    if (!requiredToken.isEmpty() &&
-        !sameToken(request.header(controlTokenHeader), requiredToken))
+    if (!requiredToken.isEmpty() && !sameToken(request.header(controlTokenHeader), requiredToken))
         return failure(403, QStringLiteral("this kelo-cloud's control routes need its control "
                                            "token (printed at its start) in the header %1")
                                 .arg(QLatin1String(controlTokenHeader)));

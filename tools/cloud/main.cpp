@@ -1,6 +1,7 @@
 // kelo-cloud: the local cloud for integrators, serving the HTTPS API, pictures and the
 // notification WebSocket on 127.0.0.1 (or --listen ADDRESS) until SIGINT or SIGTERM, with its
-// control routes (off loopback, only to the control token it prints at start). The network lab (tools/netlab) runs it with a made-up menu of any size.
+// control routes (off loopback, only to the control token it prints at start). The network lab
+// (tools/netlab) runs it with a made-up menu of any size.
 #include "cloudcontrol.h"
 #include "cloudserver.h"
 
@@ -230,8 +231,8 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
         }
     }
     const bool tokenOption = parser.isSet(controlToken);
-    settings->controlToken = tokenOption ? parser.value(controlToken).toUtf8()
-                                         : qgetenv("KELO_CLOUD_CONTROL_TOKEN");
+    settings->controlToken =
+        tokenOption ? parser.value(controlToken).toUtf8() : qgetenv("KELO_CLOUD_CONTROL_TOKEN");
     if (tokenOption || !settings->controlToken.isEmpty()) {
         const QString problem = kelocloud::CloudControl::tokenProblem(settings->controlToken);
         if (!problem.isEmpty()) {
