@@ -1,6 +1,7 @@
 // The local cloud as its clients see it over HTTPS: the merchant's rules that no SDK test sees
 // (the SDK passes the answers through), the control routes under "/_sim/" (each fault happens as
-// named, each route answers and refuses as it says), and the development CA.
+// named, each route answers and refuses as it says, and with a required token only to it), and the
+// development CA.
 #include "cloudcontrol.h"
 #include "replyoutcome.h"
 #include "testcloud.h"
