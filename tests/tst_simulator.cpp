@@ -1,8 +1,8 @@
 // kelo-cloud as integrators start it: the merchant fixture and the signing key on its command
 // line or in its environment, its two start-up lines, a CA file that clients can trust, and a
 // clean quit on SIGTERM; the control token from its command line or environment (or none on
-// loopback) and a bad one refused; and as the network lab starts it: another address, a made-up menu of
-// any size, pictures of a given size exported for another web server.
+// loopback) and a bad one refused; and as the network lab starts it: another address, a made-up
+// menu of any size, pictures of a given size exported for another web server.
 #include "replyoutcome.h"
 #include "testcloud.h"
 #include "testwait.h"
