@@ -243,6 +243,7 @@ private:
     std::mt19937 noticeRng{opt.seed + 7919};
     Clock::time_point t0 = Clock::now();
     QString api, ca, wireExe, wireCtl, restartCommand, startProfile;
+    QByteArray controlToken; ///< kelo-cloud's, for its control routes (the same after restarts)
 
     std::unique_ptr<Kelosdk> sdk;
     QNetworkAccessManager controlNam;
@@ -292,14 +293,15 @@ bool Day::readLab()
     wireExe = env("KELO_LAB_WIRE");
     wireCtl = env("KELO_LAB_WIRE_CTL");
     restartCommand = env("KELO_LAB_CLOUD_RESTART");
+    controlToken = qgetenv("KELO_LAB_CONTROL_TOKEN");
     startProfile =
         env("KELO_LAB_PROFILE").isEmpty() ? QStringLiteral("wifi") : env("KELO_LAB_PROFILE");
     QFile caFile(ca);
-    if (api.isEmpty() || wireCtl.isEmpty() || restartCommand.isEmpty() ||
+    if (api.isEmpty() || wireCtl.isEmpty() || restartCommand.isEmpty() || controlToken.isEmpty() ||
         !caFile.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "day: not inside the network lab (KELO_LAB_API, KELO_LAB_CA, "
-                             "KELO_LAB_WIRE_CTL, KELO_LAB_CLOUD_RESTART): run it through "
-                             "tools/netlab/lab.sh run\n");
+                             "KELO_LAB_WIRE_CTL, KELO_LAB_CLOUD_RESTART, "
+                             "KELO_LAB_CONTROL_TOKEN): run it through tools/netlab/lab.sh run\n");
         return false;
     }
     kelocloud::trustCertificateAuthority(caFile.readAll());
@@ -321,6 +323,7 @@ void Day::control(const QString& path, const QByteArray& form,
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QStringLiteral("application/x-www-form-urlencoded"));
     request.setTransferTimeout(kControlTimeoutMs);
+    request.setRawHeader("X-Kelo-Control-Token", controlToken);
     QNetworkReply* reply = controlNam.post(request, form);
     connect(reply, &QNetworkReply::finished, this, [reply, done] {
         reply->deleteLater();

@@ -1,13 +1,16 @@
 // The local cloud as its clients see it over HTTPS: the merchant's rules that no SDK test sees
 // (the SDK passes the answers through), the control routes under "/_sim/" (each fault happens as
-// named, each route answers and refuses as it says), and the development CA.
+// named, each route answers and refuses as it says, and with a required token only to it), and the
+// development CA.
 #include "cloudcontrol.h"
 #include "replyoutcome.h"
 #include "testcloud.h"
 #include "testwait.h"
 
 #include <QElapsedTimer>
+#include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QMetaEnum>
 #include <QNetworkAccessManager>
 #include <QTemporaryDir>
@@ -19,6 +22,9 @@
 namespace {
 
 const QString kItems = QStringLiteral("/kelo/api/item/?cm=getlist&dt=%7B%7D");
+/// The merchant's menu, as the SDK asks for it.
+const QString kMenu =
+    QStringLiteral("/kelo/api/item/?cm=getlist&dt=%7B%22merchant_code%22%3A%22M01%22%7D");
 
 /// "<error> <status>" of a finished reply, e.g. "RemoteHostClosedError 200".
 QString errorAndStatus(const ReplyOutcome& outcome)
@@ -72,6 +78,9 @@ private Q_SLOTS:
     void downForSecondsThenBackOnSamePort();
     void caIsKeptAcrossRuns();
     void keyOfTheOptionsOrTheEnvironment();
+    void controlAnswersOnlyToItsToken_data();
+    void controlAnswersOnlyToItsToken();
+    void madeTokensAreRandomAndUrlSafe();
 
 private:
     ReplyOutcome get(const QString& target, int transferTimeout = 0)
@@ -485,4 +494,92 @@ void TestCloudServer::keyOfTheOptionsOrTheEnvironment()
 }
 
 QTEST_GUILESS_MAIN(TestCloudServer)
+void TestCloudServer::controlAnswersOnlyToItsToken_data()
+{
+    QTest::addColumn<QByteArray>("required"); // the token the control layer needs; empty: none
+    QTest::addColumn<QByteArray>("sent");     // X-Kelo-Control-Token; null: no such header
+    QTest::addColumn<QString>("route");       // a control route (a fault on the menu) or the API
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("error"); // the control answer's "error"; empty: none
+    QTest::addColumn<bool>("faulted");  // the menu request after it gets the scripted 503
+
+    const QByteArray token = "Tk_9-abcdefghijklmnopqrstuvwxyz0";
+    const QString fault = QStringLiteral("/_sim/fault");
+    const QString refusal = QStringLiteral(
+        "this kelo-cloud's control routes need its control token (printed at its start) in the "
+        "header X-Kelo-Control-Token");
+    QByteArray lastChanged = token;
+    lastChanged[lastChanged.size() - 1] = '1';
+    const auto row = [&](const char* name, const QByteArray& required, const QByteArray& sent,
+                         const QString& route, int status, const QString& error, bool faulted) {
+        QTest::newRow(name) << required << sent << route << status << error << faulted;
+    };
+    row("loopback: none needed, none sent", {}, {}, fault, 200, {}, true);
+    row("loopback: none needed, one sent anyway", {}, "whatever", fault, 200, {}, true);
+    row("no token sent", token, {}, fault, 403, refusal, false);
+    row("wrong token", token, "nottheright-token-at-all_1234567", fault, 403, refusal, false);
+    row("last character differs", token, lastChanged, fault, 403, refusal, false);
+    row("the token without its last character", token, token.chopped(1), fault, 403, refusal,
+        false);
+    row("the token and one more character", token, token + 'x', fault, 403, refusal, false);
+    row("the token in other case", token, token.toLower(), fault, 403, refusal, false);
+    row("right token", token, token, fault, 200, {}, true);
+    // Refused before the route is looked up: 403, not 404.
+    row("unknown route without the token", token, {}, "/_sim/nothing", 403, refusal, false);
+    row("API without the token", token, {}, kMenu, 200, {}, false);
+    row("API with a wrong token", token, "wrong", kMenu, 200, {}, false);
+}
+
+void TestCloudServer::controlAnswersOnlyToItsToken()
+{
+    QFETCH(QByteArray, required);
+    QFETCH(QByteArray, sent);
+    QFETCH(QString, route);
+    QFETCH(int, status);
+    QFETCH(QString, error);
+    QFETCH(bool, faulted);
+    // A cloud of its own: a scripted fault must not reach the other tests' server.
+    TestCloud lan;
+    QVERIFY(lan.start());
+    kelocloud::CloudControl guarded(lan.server(), required);
+
+    QNetworkRequest request(lan.url(route));
+    if (!sent.isNull())
+        request.setRawHeader(kelocloud::CloudControl::controlTokenHeader, sent);
+    const bool isControl = route.startsWith(kelocloud::controlPathPrefix);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, "application/x-www-form-urlencoded");
+    const ReplyOutcome answer =
+        finishReply(isControl ? nam->post(request, "path=/kelo/api/item/&kind=status&status=503")
+                              : nam->get(request));
+    QCOMPARE(answer.status, status);
+    const QJsonObject body = QJsonDocument::fromJson(answer.body).object();
+    if (isControl) {
+        QCOMPARE(body.value("ok").toBool(), status == 200);
+        QCOMPARE(body.value("error").toString(), error);
+    } else {
+        QCOMPARE(body.value("err").toInt(-1), 0); // the menu, as the SDK gets it
+        QVERIFY(!body.value("dt")["items"].toArray().isEmpty());
+    }
+    // A refused control request did nothing: the menu answers as before.
+    QCOMPARE(finishReply(nam->get(QNetworkRequest(lan.url(kMenu)))).status, faulted ? 503 : 200);
+}
+
+void TestCloudServer::madeTokensAreRandomAndUrlSafe()
+{
+    // 500 tokens: 16000 draws from 64 symbols, each expected 250 times; a symbol never drawn
+    // means a narrowed alphabet, a repeated token a weak source.
+    QSet<QByteArray> tokens;
+    QSet<char> symbols;
+    for (int i = 0; i < 500; ++i) {
+        const QByteArray token = kelocloud::CloudControl::makeToken();
+        QCOMPARE(token.size(), 32);
+        QCOMPARE(kelocloud::CloudControl::tokenProblem(token), QString());
+        QVERIFY2(!tokens.contains(token), token.constData());
+        tokens.insert(token);
+        for (const char c : token)
+            symbols.insert(c);
+    }
+    QCOMPARE(symbols.size(), 64);
+}
+
 #include "tst_cloudserver.moc"

@@ -1,7 +1,8 @@
 // kelo-cloud as integrators start it: the merchant fixture and the signing key on its command
 // line or in its environment, its two start-up lines, a CA file that clients can trust, and a
-// clean quit on SIGTERM; and as the network lab starts it: another address, a made-up menu of
-// any size, pictures of a given size exported for another web server.
+// clean quit on SIGTERM; the control token from its command line or environment (or none on
+// loopback) and a bad one refused; and as the network lab starts it: another address, a made-up
+// menu of any size, pictures of a given size exported for another web server.
 #include "replyoutcome.h"
 #include "testcloud.h"
 #include "testwait.h"
@@ -32,18 +33,27 @@ private Q_SLOTS:
     void labOptionsServeTheMenu();
     void badLabOptionStopsTheTool_data();
     void badLabOptionStopsTheTool();
+    void controlTokenFromOptionOrEnvironment_data();
+    void controlTokenFromOptionOrEnvironment();
+    void badControlTokenStopsTheTool_data();
+    void badControlTokenStopsTheTool();
 
 private:
-    /// Starts kelo-cloud with @p arguments, its CA (and XDG data) in the test's directory, and
-    /// KELO_CLOUD_KEY set to @p keyVariable (null: unset).
-    void start(QProcess& tool, const QStringList& arguments, const QString& keyVariable = QString())
+    /// Starts kelo-cloud with @p arguments, its CA (and XDG data) in the test's directory,
+    /// KELO_CLOUD_KEY set to @p keyVariable and KELO_CLOUD_CONTROL_TOKEN to @p tokenVariable
+    /// (null: unset).
+    void start(QProcess& tool, const QStringList& arguments, const QString& keyVariable = QString(),
+               const QString& tokenVariable = QString())
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("XDG_DATA_HOME", dir.path());
         env.insert("XDG_RUNTIME_DIR", dir.path()); // private, as Qt Gui wants it
         env.remove("KELO_CLOUD_KEY");
+        env.remove("KELO_CLOUD_CONTROL_TOKEN");
         if (!keyVariable.isNull())
             env.insert("KELO_CLOUD_KEY", keyVariable);
+        if (!tokenVariable.isNull())
+            env.insert("KELO_CLOUD_CONTROL_TOKEN", tokenVariable);
         tool.setProcessEnvironment(env);
         // A cross-built tool runs through the emulator: "|" separates the command's words.
         const QStringList command = QStringLiteral(KELO_CLOUD_TOOL_COMMAND).split('|');
@@ -384,4 +394,95 @@ void TestSimulator::badLabOptionStopsTheTool()
 }
 
 QTEST_GUILESS_MAIN(TestSimulator)
+void TestSimulator::controlTokenFromOptionOrEnvironment_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("variable"); // KELO_CLOUD_CONTROL_TOKEN; null: unset
+    QTest::addColumn<QString>("token");    // the one printed and needed; empty: none
+
+    const QString option = "opt-" + QString(28, 'o'), variable = "env_" + QString(28, 'e');
+    QTest::newRow("loopback, none given: none needed") << QStringList() << QString() << "";
+    QTest::newRow("another loopback address: none needed")
+        << QStringList{"--listen", "127.0.0.3"} << QString() << "";
+    QTest::newRow("--control-token")
+        << QStringList{"--control-token", option} << QString() << option;
+    QTest::newRow("KELO_CLOUD_CONTROL_TOKEN") << QStringList() << variable << variable;
+    QTest::newRow("the option before the variable")
+        << QStringList{"--control-token", option} << variable << option;
+}
+
+void TestSimulator::controlTokenFromOptionOrEnvironment()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, variable);
+    QFETCH(QString, token);
+    QProcess tool;
+    start(tool, QStringList{"--port", "0"} + arguments, QString(), variable);
+    const int lines = token.isEmpty() ? 2 : 3;
+    QByteArray out;
+    QTRY_VERIFY_WITH_TIMEOUT((out += tool.readAllStandardOutput()).count('\n') >= lines ||
+                                 tool.state() == QProcess::NotRunning,
+                             kWait);
+    QTest::qWait(200); // a third line that should not be there
+    out += tool.readAllStandardOutput();
+    const QRegularExpressionMatch started =
+        QRegularExpression(
+            "^kelo-cloud listening on (127\\.0\\.0\\.\\d:\\d+)\nkelo-cloud CA "
+            "certificate: [^\n]+\n" +
+            (token.isEmpty() ? QString() : "kelo-cloud control token: " + token + "\n") + "$")
+            .match(QString::fromUtf8(out));
+    QVERIFY2(started.hasMatch(), (out + tool.readAllStandardError()).constData());
+
+    QFile ca(dir.filePath("ca.pem"));
+    QVERIFY(ca.open(QIODevice::ReadOnly));
+    trustCertificateAuthority(ca.readAll());
+    QNetworkAccessManager nam;
+    const auto state = [&](const QByteArray& sent) {
+        QNetworkRequest request(QUrl("https://" + started.captured(1) + "/_sim/state"));
+        if (!sent.isNull())
+            request.setRawHeader("X-Kelo-Control-Token", sent);
+        return finishReply(nam.get(request)).status;
+    };
+    QCOMPARE(state(QByteArray()), token.isEmpty() ? 200 : 403);
+    QCOMPARE(state(QByteArray("x").repeated(32)), token.isEmpty() ? 200 : 403);
+    if (!token.isEmpty())
+        QCOMPARE(state(token.toUtf8()), 200);
+    tool.terminate();
+    QCOMPARE(outcome(tool), QStringLiteral("0||"));
+}
+
+void TestSimulator::badControlTokenStopsTheTool_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("variable"); // KELO_CLOUD_CONTROL_TOKEN; null: unset
+    QTest::addColumn<QString>("error");    // the whole of stderr, after "kelo-cloud: "
+    const QString good = QString(16, 't');
+    QTest::newRow("--control-token empty")
+        << QStringList{"--control-token", ""} << good
+        << "--control-token: a control token has 16 to 128 characters, not 0";
+    QTest::newRow("--control-token too short")
+        << QStringList{"--control-token", good.chopped(1)} << QString()
+        << "--control-token: a control token has 16 to 128 characters, not 15";
+    QTest::newRow("KELO_CLOUD_CONTROL_TOKEN too long")
+        << QStringList() << QString(129, 't')
+        << "KELO_CLOUD_CONTROL_TOKEN: a control token has 16 to 128 characters, not 129";
+    QTest::newRow("--control-token with a space")
+        << QStringList{"--control-token", good + " x"} << QString()
+        << "--control-token: a control token holds only A-Z a-z 0-9 - _";
+    QTest::newRow("KELO_CLOUD_CONTROL_TOKEN with a colon")
+        << QStringList() << good + ":"
+        << "KELO_CLOUD_CONTROL_TOKEN: a control token holds only "
+           "A-Z a-z 0-9 - _";
+}
+
+void TestSimulator::badControlTokenStopsTheTool()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, variable);
+    QFETCH(QString, error);
+    QProcess tool;
+    start(tool, QStringList{"--port", "0"} + arguments, QString(), variable);
+    QCOMPARE(outcome(tool), "2||kelo-cloud: " + error + '\n');
+}
+
 #include "tst_simulator.moc"

@@ -4,6 +4,8 @@
 //
 //   kelo-terminal --server 127.0.0.1:8443 --ca ~/.local/share/kelo-cloud/ca.pem
 //   kelo-terminal ... --screenshots DIR    walks the whole day offscreen, one PNG per screen
+//   kelo-terminal --server 192.168.1.20:8443 --ca ca.pem --simulator --control-token TOKEN
+//                                          against a kelo-cloud on the shop's LAN
 #include "terminalshell.h"
 
 #include <QCommandLineParser>
@@ -78,7 +80,13 @@ int main(int argc, char** argv)
         QStringLiteral("Walk the whole day offscreen against the simulator, write one PNG per "
                        "screen into DIR, then quit (status 0 when every step succeeded)."),
         QStringLiteral("DIR"));
-    parser.addOptions({server, ca, merchant, machine, simulator, screenshots});
+    const QCommandLineOption controlToken(
+        QStringLiteral("control-token"),
+        QStringLiteral("kelo-cloud's control token, for playing the customer against a kelo-cloud "
+                       "on a LAN address (it prints the token at start; default: "
+                       "$KELO_CLOUD_CONTROL_TOKEN; none is needed on 127.0.0.1)."),
+        QStringLiteral("token"), qEnvironmentVariable("KELO_CLOUD_CONTROL_TOKEN"));
+    parser.addOptions({server, ca, merchant, machine, simulator, screenshots, controlToken});
     parser.process(app);
 
     TerminalShell::Settings settings;
@@ -88,6 +96,7 @@ int main(int argc, char** argv)
     settings.machineName = parser.value(machine);
     settings.screenshotDir = parser.value(screenshots);
     settings.simulator = parser.isSet(simulator) || parser.isSet(screenshots);
+    settings.controlToken = parser.value(controlToken).toUtf8();
     if (settings.serverHost.isEmpty()) {
         QTextStream(stderr) << "kelo-terminal: no cloud address: pass --server host:port or set "
                                "KELO_SERVER_HOST\n";

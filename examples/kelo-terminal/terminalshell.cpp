@@ -14,7 +14,8 @@
 TerminalShell::TerminalShell(const Settings& settings, QObject* parent)
     : QObject(parent), serverHost(settings.serverHost), caFile(settings.caFile),
       merchantId(settings.merchantId), machineName(settings.machineName),
-      screenshotDir(settings.screenshotDir), simulator(settings.simulator)
+      screenshotDir(settings.screenshotDir), simulator(settings.simulator),
+      controlToken(settings.controlToken)
 {
 }
 
@@ -53,6 +54,8 @@ void TerminalShell::post(const char* path, const QByteArray& body,
         QUrl(QStringLiteral("https://%1%2").arg(serverHost, QLatin1String(path))));
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QStringLiteral("application/x-www-form-urlencoded"));
+    if (!controlToken.isEmpty())
+        request.setRawHeader("X-Kelo-Control-Token", controlToken);
     QNetworkReply* reply = network.post(request, body);
     connect(reply, &QNetworkReply::finished, this, [reply, answered] {
         reply->deleteLater();

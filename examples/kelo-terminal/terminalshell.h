@@ -33,6 +33,9 @@ public:
         QString machineName;
         QString screenshotDir;
         bool simulator = false;
+        /// kelo-cloud's control token, sent with the customer's side (empty: none, as on
+        /// 127.0.0.1); a kelo-cloud on a LAN address needs it.
+        QByteArray controlToken;
     };
     explicit TerminalShell(const Settings& settings, QObject* parent = nullptr);
 
@@ -63,6 +66,7 @@ private:
     QString machineName;
     QString screenshotDir;
     bool simulator = false;
+    QByteArray controlToken;
     QPointer<QQuickWindow> window;
     QNetworkAccessManager network;
 };

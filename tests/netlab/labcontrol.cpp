@@ -32,6 +32,8 @@ bool LabControl::read()
     wire = env("KELO_LAB_WIRE");
     wireSocket = env("KELO_LAB_WIRE_CTL");
     profile = env("KELO_LAB_PROFILE");
+    restartCommand = env("KELO_LAB_CLOUD_RESTART");
+    token = qgetenv("KELO_LAB_CONTROL_TOKEN");
     return isInside();
 }
 
@@ -85,11 +87,13 @@ bool LabControl::restore()
     return ok;
 }
 
-bool LabControl::simulator(const QByteArray& method, const QString& path, const QByteArray& form,
-                           QJsonObject* answer)
+bool LabControl::send(const QByteArray& method, const QString& path, const QByteArray& form,
+                      const QByteArray& sentToken, int* status, QByteArray* body)
 {
     QNetworkAccessManager nam;
     QNetworkRequest request(QUrl(QStringLiteral("https://%1%2").arg(api, path)));
+    if (!sentToken.isNull())
+        request.setRawHeader("X-Kelo-Control-Token", sentToken);
     std::unique_ptr<QNetworkReply> reply;
     if (method == "GET") {
         reply.reset(nam.get(request));
@@ -106,12 +110,27 @@ bool LabControl::simulator(const QByteArray& method, const QString& path, const 
         error = QStringLiteral("%1 %2: no answer").arg(QString::fromLatin1(method), path);
         return false;
     }
-    const QByteArray body = reply->readAll();
+    *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    *body = reply->readAll();
+    if (*status == 0)
+        error = QStringLiteral("%1 %2: %3")
+                    .arg(QString::fromLatin1(method), path, reply->errorString());
+    return *status != 0;
+}
+
+bool LabControl::simulator(const QByteArray& method, const QString& path, const QByteArray& form,
+                           QJsonObject* answer)
+{
+    int status = 0;
+    QByteArray body;
+    if (!send(method, path, form, token, &status, &body))
+        return false;
     const QJsonObject object = QJsonDocument::fromJson(body).object();
     if (!object.value(QStringLiteral("ok")).toBool()) {
         error = QStringLiteral("%1 %2: %3 %4")
-                    .arg(QString::fromLatin1(method), path, reply->errorString(),
-                         QString::fromUtf8(body.left(300)));
+                    .arg(QString::fromLatin1(method), path)
+                    .arg(status)
+                    .arg(QString::fromUtf8(body.left(300)));
         return false;
     }
     if (answer)
@@ -128,6 +147,30 @@ bool LabControl::closeKeptAlive(int times)
 {
     const QByteArray form = "path=/kelo/api/&kind=idle-close&times=" + QByteArray::number(times);
     return simulator("POST", QStringLiteral("/_sim/fault"), form, nullptr);
+}
+
+int LabControl::simulatorStateStatus(const QByteArray& sentToken)
+{
+    int status = 0;
+    QByteArray body;
+    return send("GET", QStringLiteral("/_sim/state"), {}, sentToken, &status, &body) ? status : -1;
+}
+
+bool LabControl::restartCloud()
+{
+    if (restartCommand.isEmpty()) {
+        error = QStringLiteral("KELO_LAB_CLOUD_RESTART is not set");
+        return false;
+    }
+    QProcess restart;
+    restart.setProcessChannelMode(QProcess::MergedChannels);
+    restart.start(QStringLiteral("sh"), {QStringLiteral("-c"), restartCommand + " 0"});
+    if (!restart.waitForFinished(2 * kControlWaitMs) || restart.exitCode() != 0) {
+        error = QStringLiteral("%1 0: %2")
+                    .arg(restartCommand, QString::fromLocal8Bit(restart.readAll()).trimmed());
+        return false;
+    }
+    return true;
 }
 
 int LabControl::invoiceNumber(const QString& code)

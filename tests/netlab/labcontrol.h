@@ -23,8 +23,15 @@ public:
     /// Back to how lab.sh started: blackhole off, its profile.
     bool restore();
 
-    /// GET /_sim/state of the lab's kelo-cloud.
+    /// GET /_sim/state of the lab's kelo-cloud, with the lab's control token.
     bool simulatorState(QJsonObject* state);
+    /// The HTTP status of GET /_sim/state sent with @p token as the control token (null: none);
+    /// -1 when no answer came.
+    int simulatorStateStatus(const QByteArray& token);
+    /// The control token lab.sh exported (KELO_LAB_CONTROL_TOKEN).
+    QByteArray controlToken() const { return token; }
+    /// Kills kelo-cloud and starts it again at once (lab.sh cloud-restart).
+    bool restartCloud();
     /// The simulator's fault "idle-close" for the next @p times API requests that arrive on a
     /// kept-alive connection: each is handled, then its connection closes unanswered, as a
     /// server closing an idle connection at the worst moment. It cannot be taken back: the
@@ -40,11 +47,16 @@ private:
     bool wireCtl(const QStringList& args);
     bool simulator(const QByteArray& method, const QString& path, const QByteArray& form,
                    QJsonObject* answer);
+    /// Sends one control request with @p sentToken (null: none); false if no answer came.
+    bool send(const QByteArray& method, const QString& path, const QByteArray& form,
+              const QByteArray& sentToken, int* status, QByteArray* body);
 
     QString api;
     QString ca;
     QString wire;
     QString wireSocket;
     QString profile;
+    QString restartCommand;
+    QByteArray token;
     QString error;
 };

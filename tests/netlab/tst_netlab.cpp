@@ -1,8 +1,9 @@
 // The SDK object across the network lab's wire (tools/netlab/lab.sh: the terminal and kelo-cloud
 // in two namespaces, a link with delay, bandwidth and loss between them): what a shop's link does
 // to the request kinds, the menu, a kept-alive connection closed under a request, and a silent
-// outage of the notification channel. Functional checks only, no timings. Outside the lab
-// (KELO_LAB_API unset) every test skips; the CI stage "netlab" runs it inside.
+// outage of the notification channel; kelo-cloud's control routes answering across the lab only
+// to its control token, before and after a restart. Functional checks only, no timings. Outside the
+// lab (KELO_LAB_API unset) every test skips; the CI stage "netlab" runs it inside.
 #include "kelosdk.h"
 #include "labcontrol.h"
 #include "signalrecorder.h"
@@ -54,6 +55,7 @@ private slots:
     void menuSameAsOnLan();
     void silentOutage();
     void keptAliveCloseLosesNoRequest();
+    void controlAnswersOnlyToTheToken();
 
 private:
     /// A fresh SDK object, its channel up.
@@ -330,4 +332,22 @@ void TestNetlab::keptAliveCloseLosesNoRequest()
 }
 
 QTEST_GUILESS_MAIN(TestNetlab)
+/// kelo-cloud listens off loopback here: its control routes answer only to the token it made at
+/// start (lab.sh exports it), and to the same one once lab.sh restarted it. After the last test:
+/// the restart also ends the kept-alive fault.
+void TestNetlab::controlAnswersOnlyToTheToken()
+{
+    const QByteArray token = lab.controlToken();
+    QVERIFY2(token.size() >= 16, "lab.sh exported no KELO_LAB_CONTROL_TOKEN");
+    QByteArray other = token;
+    other[0] = other.at(0) == 'a' ? 'b' : 'a';
+    for (int round = 0; round < 2; ++round) {
+        QCOMPARE(lab.simulatorStateStatus(QByteArray()), 403);
+        QCOMPARE(lab.simulatorStateStatus(other), 403);
+        QCOMPARE(lab.simulatorStateStatus(token), 200);
+        if (round == 0)
+            QVERIFY2(lab.restartCloud(), qPrintable(lab.lastError()));
+    }
+}
+
 #include "tst_netlab.moc"

@@ -3,9 +3,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRandomGenerator>
 #include <QUrlQuery>
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <optional>
 
@@ -101,9 +103,49 @@ bool faultReply(const QString& kind, int status, CloudReply* reply)
     return true;
 }
 
+const char tokenAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+constexpr int tokenLength = 32; // 192 random bits
+constexpr int tokenMin = 16;
+constexpr int tokenMax = 128;
+
+/// Whether @p sent is @p required, in a time that depends on the required token's length only
+/// (never on where the first differing byte is).
+bool sameToken(const QByteArray& sent, const QByteArray& required)
+{
+    unsigned char differ = sent.size() == required.size() ? 0 : 1;
+    for (int i = 0; i < required.size(); ++i) {
+        const char got = i < sent.size() ? sent.at(i) : '\0';
+        differ |= static_cast<unsigned char>(got ^ required.at(i));
+    }
+    return differ == 0;
+}
+
 } // namespace
 
-CloudControl::CloudControl(CloudServer& server) : server(server)
+QByteArray CloudControl::makeToken()
+{
+    // 64 symbols: a uniform pick from 6 random bits each.
+    QByteArray token(tokenLength, Qt::Uninitialized);
+    for (char& c : token)
+        c = tokenAlphabet[QRandomGenerator::system()->generate() & 63];
+    return token;
+}
+
+QString CloudControl::tokenProblem(const QByteArray& token)
+{
+    if (token.size() < tokenMin || token.size() > tokenMax)
+        return QStringLiteral("a control token has %1 to %2 characters, not %3")
+            .arg(tokenMin)
+            .arg(tokenMax)
+            .arg(token.size());
+    for (const char c : token)
+        if (!std::strchr(tokenAlphabet, c) || c == '\0')
+            return QStringLiteral("a control token holds only A-Z a-z 0-9 - _");
+    return QString();
+}
+
+CloudControl::CloudControl(CloudServer& server, const QByteArray& requiredToken)
+    : server(server), requiredToken(requiredToken)
 {
     server.setControlHandler([this](const CloudExchange& request) { return handle(request); });
 }
@@ -121,6 +163,11 @@ ControlReply CloudControl::handle(const CloudExchange& request)
         const char* method;
         ControlReply (CloudControl::*run)(const Form&);
     };
+    // Before anything else: without the token not even an unknown route is named.
+    if (!requiredToken.isEmpty() && !sameToken(request.header(controlTokenHeader), requiredToken))
+        return failure(403, QStringLiteral("this kelo-cloud's control routes need its control "
+                                           "token (printed at its start) in the header %1")
+                                .arg(QLatin1String(controlTokenHeader)));
     static const Route routes[] = {
         {"/_sim/invoice/paid", "POST", &CloudControl::invoicePaid},
         {"/_sim/push", "POST", &CloudControl::push},
@@ -244,10 +291,20 @@ QString CloudControl::usage(const QString& caPath)
     const QString curl = QStringLiteral("curl --cacert ") + caPath;
     const QString url = QStringLiteral("https://127.0.0.1:<port>");
     return QStringLiteral(
-               "Control routes, on the same port (127.0.0.1 only). Bodies are form-encoded\n"
-               "(curl -d key=value, --data-urlencode for texts with & = + or %); answers are\n"
-               "JSON: {\"ok\":true,...}, or {\"ok\":false,\"error\":\"...\"} with status 400 (bad\n"
-               "parameter), 404 (unknown route, invoice or device) or 405 (wrong method).\n"
+               "Control routes, on the same port. Bodies are form-encoded (curl -d key=value,\n"
+               "--data-urlencode for texts with & = + or %); answers are JSON: {\"ok\":true,...},\n"
+               "or {\"ok\":false,\"error\":\"...\"} with status 400 (bad parameter), 403 (no or\n"
+               "wrong control token), 404 (unknown route, invoice or device) or 405 (wrong\n"
+               "method).\n"
+               "\n"
+               "Control token: on 127.0.0.1 (the default) none is needed. With --listen on any\n"
+               "other address kelo-cloud makes one at start and prints it on a line of its own,\n"
+               "  kelo-cloud control token: <token>\n"
+               "(or takes it from --control-token or KELO_CLOUD_CONTROL_TOKEN; one given that\n"
+               "way is needed on 127.0.0.1 too). Every control request then sends it:\n"
+               "  -H 'X-Kelo-Control-Token: <token>'\n"
+               "without it the answer is 403 and nothing happens. The API and the WebSocket\n"
+               "never need it.\n"
                "\n"
                "  POST /_sim/invoice/paid   invoice_code=<code>\n"
                "      Marks an open invoice paid and pushes \"payment_success\" to the device\n"

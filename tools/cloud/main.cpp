@@ -1,6 +1,7 @@
 // kelo-cloud: the local cloud for integrators, serving the HTTPS API, pictures and the
 // notification WebSocket on 127.0.0.1 (or --listen ADDRESS) until SIGINT or SIGTERM, with its
-// control routes. The network lab (tools/netlab) runs it with a made-up menu of any size.
+// control routes (off loopback, only to the control token it prints at start). The network lab
+// (tools/netlab) runs it with a made-up menu of any size.
 #include "cloudcontrol.h"
 #include "cloudserver.h"
 
@@ -37,6 +38,7 @@ struct Settings
     int dishes = -1;           ///< -1: the fixture's menu
     int pictureBytes = 0;      ///< 0: pictures as drawn
     QString exportDir;         ///< empty: no export
+    QByteArray controlToken;   ///< empty: none given (one is made off loopback)
 };
 
 /// $XDG_DATA_HOME/kelo-cloud, or ~/.local/share/kelo-cloud: the CA stays the same across runs,
@@ -56,7 +58,9 @@ const char* const description =
     "application built on libkelo runs its whole day without the real cloud. It runs until\n"
     "interrupted (SIGINT or SIGTERM). At start it prints two lines:\n"
     "  kelo-cloud listening on 127.0.0.1:<port>\n"
-    "  kelo-cloud CA certificate: <ca-dir>/ca.pem";
+    "  kelo-cloud CA certificate: <ca-dir>/ca.pem\n"
+    "and a third when its control routes need a token (--listen off loopback):\n"
+    "  kelo-cloud control token: <token>";
 
 QString trustAndFixtureHelp(const QString& caPath)
 {
@@ -146,8 +150,15 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
         QStringLiteral("Write every picture of the menu under DIR at its img_path (for another "
                        "web server to serve), then serve as usual."),
         QStringLiteral("DIR"));
+    const QCommandLineOption controlToken(
+        QStringLiteral("control-token"),
+        QStringLiteral("The token the control routes need (header X-Kelo-Control-Token), 16 to "
+                       "128 of A-Z a-z 0-9 - _, on any address, 127.0.0.1 included. Default: the "
+                       "environment variable KELO_CLOUD_CONTROL_TOKEN if set, else a random one "
+                       "made at start when --listen is not a loopback address, else none."),
+        QStringLiteral("TOKEN"));
     parser.addOptions({port, caDir, fixture, printFixture, key, listen, dishes, pictureBytes,
-                       pictureHost, exportPictures});
+                       pictureHost, exportPictures, controlToken});
     if (!parser.parse(app.arguments())) {
         *error = parser.errorText();
         return Parsed::Failed;
@@ -215,6 +226,18 @@ Parsed parseSettings(const QCoreApplication& app, Settings* settings, QString* e
         const QString problem = kelocloud::CloudState::keyProblem(keyValue);
         if (!problem.isEmpty()) {
             *error = (keyOption ? QStringLiteral("--key: ") : QStringLiteral("KELO_CLOUD_KEY: ")) +
+                     problem;
+            return Parsed::Failed;
+        }
+    }
+    const bool tokenOption = parser.isSet(controlToken);
+    settings->controlToken =
+        tokenOption ? parser.value(controlToken).toUtf8() : qgetenv("KELO_CLOUD_CONTROL_TOKEN");
+    if (tokenOption || !settings->controlToken.isEmpty()) {
+        const QString problem = kelocloud::CloudControl::tokenProblem(settings->controlToken);
+        if (!problem.isEmpty()) {
+            *error = (tokenOption ? QStringLiteral("--control-token: ")
+                                  : QStringLiteral("KELO_CLOUD_CONTROL_TOKEN: ")) +
                      problem;
             return Parsed::Failed;
         }
@@ -313,7 +336,15 @@ int main(int argc, char** argv)
         err << "kelo-cloud: " << error << '\n';
         return 1;
     }
-    kelocloud::CloudControl control(server);
+    // Anyone who reaches a non-loopback address could fake payments: there the control routes
+    // answer only to a token.
+    QByteArray controlToken = settings.controlToken;
+    const QHostAddress listenAddress(settings.cloud.listenAddress.isEmpty()
+                                         ? QStringLiteral("127.0.0.1")
+                                         : settings.cloud.listenAddress);
+    if (controlToken.isEmpty() && !listenAddress.isLoopback())
+        controlToken = kelocloud::CloudControl::makeToken();
+    kelocloud::CloudControl control(server, controlToken);
     if (!server.start(&error)) {
         err << "kelo-cloud: " << error << '\n';
         return 1;
@@ -321,6 +352,8 @@ int main(int argc, char** argv)
     QTextStream out(stdout);
     out << "kelo-cloud listening on " << server.hostPort() << '\n'
         << "kelo-cloud CA certificate: " << server.caCertificatePath() << '\n';
+    if (!controlToken.isEmpty())
+        out << "kelo-cloud control token: " << controlToken << '\n';
     out.flush();
 
     const int status = app.exec();

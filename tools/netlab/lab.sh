@@ -199,8 +199,13 @@ lab_up() {
     cloud_cmd=("$cloud" --listen "$cloud_ip" --port "$api_port" \
         --ca-dir "$tmp/ca" --dishes "$dishes" --picture-bytes $((picture_kb * 1024)) \
         --picture-host "$picture_host" --export-pictures "$tmp/pictures")
+    # Off loopback kelo-cloud makes a control token at start and prints it: taken from its log,
+    # it is given back to every restart (so callers keep theirs) and to the run's COMMAND.
+    control_token=
     start_cloud "$tmp/cloud.log" || { cat "$tmp/cloud.log" >&2; die "kelo-cloud did not start"; }
     cloud_pid=$(cat "$tmp/cloud.pid")
+    control_token=$(sed -n 's/^kelo-cloud control token: //p' "$tmp/cloud.log")
+    [ -n "$control_token" ] || { cat "$tmp/cloud.log" >&2; die "kelo-cloud printed no control token"; }
     # The keeper restarts kelo-cloud on request (lab.sh cloud-restart, through a FIFO).
     mkfifo -m 600 "$tmp/cloud.ctl"
     cloud_keeper &
@@ -267,21 +272,24 @@ EOF
     export KELO_LAB_API=$cloud_ip:$api_port
     export KELO_LAB_PICTURES_H2=$h2 KELO_LAB_PICTURES_H1=$h1
     export KELO_LAB_CA=$tmp/ca/ca.pem KELO_LAB_CLOUD_PID=$cloud_pid KELO_LAB_PROFILE=$profile
-    export KELO_LAB_CLOUD_CTL=$tmp/cloud.ctl
+    export KELO_LAB_CLOUD_CTL=$tmp/cloud.ctl KELO_LAB_CONTROL_TOKEN=$control_token
     export KELO_LAB_CLOUD_RESTART="bash $root/tools/netlab/lab.sh cloud-restart"
     echo "lab: up: profile $profile, terminal $ns_term ($term_ip), cloud $ns_cloud ($cloud_ip):" \
         "API $KELO_LAB_API, pictures $h2 (h2) $h1 (h1), $dishes dishes x $picture_kb KB" >&2
 }
 
 # Starts kelo-cloud in the cloud namespace as a child of the calling shell (it ends with that
-# shell: parent-death signal), its output in $1; writes its PID to $tmp/cloud.pid once it listens.
+# shell: parent-death signal), its output in $1, with $control_token (empty: it makes one); writes
+# its PID to $tmp/cloud.pid once it listens and has printed its control token.
 start_cloud() {
     local log=$1 pid
-    ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- "${cloud_cmd[@]}" > "$log" 2>&1 &
+    # In its environment, not on its command line (which every user of the machine sees).
+    KELO_CLOUD_CONTROL_TOKEN=$control_token \
+        ip netns exec "$ns_cloud" setpriv --pdeathsig TERM -- "${cloud_cmd[@]}" > "$log" 2>&1 &
     pid=$!
     disown "$pid" # a kill by the keeper is no job for the shell to report
-    wait_until "grep -q 'listening on' '$log' || ! kill -0 $pid 2>/dev/null" 600
-    grep -q 'listening on' "$log" || return 1
+    wait_until "grep -q 'control token:' '$log' || ! kill -0 $pid 2>/dev/null" 600
+    grep -q 'control token:' "$log" || return 1
     echo "$pid" > "$tmp/cloud.pid"
 }
 

@@ -132,8 +132,11 @@ old_pid=$(cat "${KELO_LAB_CLOUD_CTL%/*}/cloud.pid")
 answer=$($KELO_LAB_CLOUD_RESTART 1)
 new_pid=${answer#ok }
 check "cloud-restart: $answer (was $old_pid)" "$([[ $answer == ok* ]] && [ "$new_pid" != "$old_pid" ] && ! kill -0 "$old_pid" 2>/dev/null && echo 1 || echo 0)"
-state=$(curl_term --max-time 10 "https://$KELO_LAB_API/_sim/state")
-check "the new kelo-cloud answers with the same CA" "$(grep -q '"ok":true' <<<"$state" && echo 1 || echo 0)"
+state=$(curl_term --max-time 10 -H "X-Kelo-Control-Token: $KELO_LAB_CONTROL_TOKEN" \
+    "https://$KELO_LAB_API/_sim/state")
+check "the new kelo-cloud answers with the same CA and control token" "$(grep -q '"ok":true' <<<"$state" && echo 1 || echo 0)"
+status=$(curl_term --max-time 10 -o /dev/null -w '%{http_code}' "https://$KELO_LAB_API/_sim/state")
+check "its control routes refuse a call without the token ($status)" "$([ "$status" = 403 ] && echo 1 || echo 0)"
 
 if [ "$failures" -gt 0 ]; then
     echo "lab selftest: $failures check(s) failed"
