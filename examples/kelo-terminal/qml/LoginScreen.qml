@@ -1,4 +1,4 @@
-// Staff login: user name, password and role.
+// Staff login: user name, password and role, and the EN / VI language switch.
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
@@ -27,7 +27,27 @@ Item {
             anchors.fill: parent
             anchors.margins: 32
             spacing: 14
-            Label { text: qsTr("Staff login"); font.pixelSize: 28; font.bold: true }
+            RowLayout {
+                Layout.fillWidth: true
+                Label { text: qsTr("Staff login"); font.pixelSize: 28; font.bold: true; Layout.fillWidth: true }
+                // The language switch: the screens change language at once. The two codes are
+                // the same in both languages.
+                Row {
+                    objectName: "languageSwitch"
+                    spacing: 4
+                    Repeater {
+                        model: ["en", "vi"]
+                        delegate: Button {
+                            width: 48; height: 36
+                            flat: language.code !== modelData
+                            highlighted: language.code === modelData
+                            text: modelData.toUpperCase()
+                            font.pixelSize: 14; font.bold: true
+                            onClicked: language.code = modelData
+                        }
+                    }
+                }
+            }
             TextField {
                 id: userField
                 Layout.fillWidth: true
