@@ -16,6 +16,24 @@ Item {
             terminal.login(user, password, role)
     }
 
+    // The language switch, top right: the screens change language at once. The two codes are
+    // the same in both languages.
+    Row {
+        objectName: "languageSwitch"
+        anchors { top: parent.top; right: parent.right; margins: 16 }
+        spacing: 4
+        Repeater {
+            model: ["en", "vi"]
+            delegate: Button {
+                width: 56; height: 40
+                highlighted: language.code === modelData
+                text: modelData.toUpperCase()
+                font.pixelSize: 15; font.bold: true
+                onClicked: language.code = modelData
+            }
+        }
+    }
+
     Rectangle {
         width: 440; height: 400
         anchors.centerIn: parent
@@ -27,27 +45,7 @@ Item {
             anchors.fill: parent
             anchors.margins: 32
             spacing: 14
-            RowLayout {
-                Layout.fillWidth: true
-                Label { text: qsTr("Staff login"); font.pixelSize: 28; font.bold: true; Layout.fillWidth: true }
-                // The language switch: the screens change language at once. The two codes are
-                // the same in both languages.
-                Row {
-                    objectName: "languageSwitch"
-                    spacing: 4
-                    Repeater {
-                        model: ["en", "vi"]
-                        delegate: Button {
-                            width: 48; height: 36
-                            flat: language.code !== modelData
-                            highlighted: language.code === modelData
-                            text: modelData.toUpperCase()
-                            font.pixelSize: 14; font.bold: true
-                            onClicked: language.code = modelData
-                        }
-                    }
-                }
-            }
+            Label { text: qsTr("Staff login"); font.pixelSize: 28; font.bold: true }
             TextField {
                 id: userField
                 Layout.fillWidth: true
