@@ -117,8 +117,7 @@ void TestTerminalScreenshots::initTestCase()
         // The walk runs while this thread waits: the cloud serves from its own thread.
         QVERIFY(terminal.waitForFinished(8 * kWait));
         day->output = terminal.readAll();
-        day->status =
-            terminal.exitStatus() == QProcess::NormalExit ? terminal.exitCode() : -1;
+        day->status = terminal.exitStatus() == QProcess::NormalExit ? terminal.exitCode() : -1;
         days[lang] = std::move(day);
     }
 }

@@ -67,7 +67,8 @@ QString catalogue(const QString& lang)
 QSet<QString> placeholders(const QString& text)
 {
     QSet<QString> found;
-    QRegularExpressionMatchIterator it = QRegularExpression(QStringLiteral("%\\d")).globalMatch(text);
+    QRegularExpressionMatchIterator it =
+        QRegularExpression(QStringLiteral("%\\d")).globalMatch(text);
     while (it.hasNext())
         found << it.next().captured();
     return found;
@@ -170,20 +171,18 @@ void TestTerminalTranslations::cataloguesMatchTheSources()
     stale.sort();
     QVERIFY2(missing.isEmpty(), qPrintable("not in the catalogue (run lupdate and translate):\n" +
                                            missing.join(QLatin1Char('\n'))));
-    QVERIFY2(stale.isEmpty(), qPrintable("no longer in the sources:\n" +
-                                         stale.join(QLatin1Char('\n'))));
+    QVERIFY2(stale.isEmpty(),
+             qPrintable("no longer in the sources:\n" + stale.join(QLatin1Char('\n'))));
 }
 
 void TestTerminalTranslations::languageFollowsTheLocale_data()
 {
     QTest::addColumn<QString>("locale");
     QTest::addColumn<QString>("lang");
-    QTest::newRow("vi_VN") << "vi_VN" << "vi";
-    QTest::newRow("vi") << "vi" << "vi";
-    QTest::newRow("en_US") << "en_US" << "en";
-    QTest::newRow("en_GB") << "en_GB" << "en";
-    QTest::newRow("fr_FR") << "fr_FR" << "en";
-    QTest::newRow("C") << "C" << "en";
+    const QList<QPair<QString, QString>> rows{{"vi_VN", "vi"}, {"vi", "vi"},    {"en_US", "en"},
+                                              {"en_GB", "en"}, {"fr_FR", "en"}, {"C", "en"}};
+    for (const auto& row : rows)
+        QTest::newRow(qPrintable(row.first)) << row.first << row.second;
 }
 
 void TestTerminalTranslations::languageFollowsTheLocale()

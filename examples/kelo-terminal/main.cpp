@@ -42,7 +42,8 @@ int main(int argc, char** argv)
     // pictures are the same on every machine.
     if (walksOffscreen(argc, argv)) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
-        QQuickWindow::setSceneGraphBackend(QStringLiteral("software")); // the name both Qt majors take
+        QQuickWindow::setSceneGraphBackend(
+            QStringLiteral("software")); // the name both Qt majors take
     }
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     // qtquickcontrols2.conf names Qt 5's flat "Default" style, which Qt 6 calls "Basic".
@@ -64,11 +65,13 @@ int main(int argc, char** argv)
     parser.addHelpOption();
     const QCommandLineOption server(
         {QStringLiteral("s"), QStringLiteral("server")},
-        QCoreApplication::translate("main", "Cloud address host:port (default: $KELO_SERVER_HOST)."),
+        QCoreApplication::translate("main",
+                                    "Cloud address host:port (default: $KELO_SERVER_HOST)."),
         QStringLiteral("host:port"), qEnvironmentVariable("KELO_SERVER_HOST"));
     const QCommandLineOption ca(
         QStringLiteral("ca"),
-        QCoreApplication::translate("main", "CA certificate of the cloud (default: $KELO_CA or %1).")
+        QCoreApplication::translate("main",
+                                    "CA certificate of the cloud (default: $KELO_CA or %1).")
             .arg(defaultCaPath()),
         QStringLiteral("file"), qEnvironmentVariable("KELO_CA", defaultCaPath()));
     const QCommandLineOption merchant(QStringLiteral("merchant"),
