@@ -1,6 +1,8 @@
-// The touch-screen terminal's day (kelo-terminal --screenshots DIR) against the local cloud:
-// every screen is written, none is blank, the menu shows the fixture's own pictures pixel for
-// pixel, and the QR code of the invoice screen reads back as the invoice's payload.
+// The touch-screen terminal's day (kelo-terminal --screenshots DIR) against the local cloud, once
+// in English and once in Vietnamese (--lang), each against a cloud of its own: every screen is
+// written, none is blank, the menu shows the fixture's own pictures pixel for pixel, the QR code
+// of the invoice screen reads back as the invoice's payload, and the two languages' screens
+// differ where there is text.
 #include "cloudcontrol.h"
 #include "testcloud.h"
 #include "testwait.h"
@@ -15,6 +17,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <map>
 #include <memory>
 
 namespace {
@@ -44,58 +47,87 @@ QPoint find(const QImage& screen, const QImage& picture)
     return {-1, -1};
 }
 
+const QStringList kLanguages{"en", "vi"};
+
 } // namespace
 
-class TestTerminalScreenshots : public QObject
+// One walk of the day: its cloud, its screenshots and how the terminal ended.
+struct Day
 {
-    Q_OBJECT
-private Q_SLOTS:
-    void initTestCase();
-    void everyScreenIsWritten();
-    void noScreenIsBlank_data();
-    void noScreenIsBlank();
-    void menuShowsTheFixturePictures();
-    void invoiceQrReadsAsThePayload();
-    void theDayReachedTheCloud();
-
-private:
-    QImage screen(const QString& name) const
-    {
-        return QImage(QDir(shots.path()).filePath(name + ".png"));
-    }
-
     TestCloud cloud{TestCloud::Untrusted}; // the terminal trusts the CA itself (--ca)
     std::unique_ptr<kelocloud::CloudControl> control;
     QTemporaryDir shots;
     QTemporaryDir data;
     QByteArray output;
     int status = -1;
+
+    QImage screen(const QString& name) const
+    {
+        return QImage(QDir(shots.path()).filePath(name + ".png"));
+    }
+};
+
+class TestTerminalScreenshots : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void everyScreenIsWritten_data() { languages(); }
+    void everyScreenIsWritten();
+    void noScreenIsBlank_data();
+    void noScreenIsBlank();
+    void menuShowsTheFixturePictures_data() { languages(); }
+    void menuShowsTheFixturePictures();
+    void invoiceQrReadsAsThePayload_data() { languages(); }
+    void invoiceQrReadsAsThePayload();
+    void theDayReachedTheCloud_data() { languages(); }
+    void theDayReachedTheCloud();
+    void theLanguagesDiffer_data();
+    void theLanguagesDiffer();
+
+private:
+    static void languages()
+    {
+        QTest::addColumn<QString>("lang");
+        for (const QString& lang : kLanguages)
+            QTest::newRow(qPrintable(lang)) << lang;
+    }
+
+    std::map<QString, std::unique_ptr<Day>> days;
 };
 
 void TestTerminalScreenshots::initTestCase()
 {
-    QVERIFY(cloud.start());
-    control = std::make_unique<kelocloud::CloudControl>(cloud.server());
-    QVERIFY(shots.isValid() && data.isValid());
+    // One after the other: the walks are heavy for a busy machine.
+    for (const QString& lang : kLanguages) {
+        auto day = std::make_unique<Day>();
+        QVERIFY(day->cloud.start());
+        day->control = std::make_unique<kelocloud::CloudControl>(day->cloud.server());
+        QVERIFY(day->shots.isValid() && day->data.isValid());
 
-    QProcess terminal;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_DATA_HOME", data.path()); // a picture cache of its own, empty
-    terminal.setProcessEnvironment(env);
-    terminal.setProcessChannelMode(QProcess::MergedChannels);
-    terminal.start(KELO_TERMINAL, {"--server", cloud.hostPort(), "--ca", cloud->caCertificatePath(),
-                                   "--screenshots", shots.path()});
-    QVERIFY2(terminal.waitForStarted(), qPrintable(terminal.errorString()));
-    // The walk runs while this thread waits: the cloud serves from its own thread.
-    QVERIFY(terminal.waitForFinished(8 * kWait));
-    output = terminal.readAll();
-    status = terminal.exitStatus() == QProcess::NormalExit ? terminal.exitCode() : -1;
+        QProcess terminal;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_DATA_HOME", day->data.path()); // a picture cache of its own, empty
+        terminal.setProcessEnvironment(env);
+        terminal.setProcessChannelMode(QProcess::MergedChannels);
+        terminal.start(KELO_TERMINAL,
+                       {"--server", day->cloud.hostPort(), "--ca", day->cloud->caCertificatePath(),
+                        "--lang", lang, "--screenshots", day->shots.path()});
+        QVERIFY2(terminal.waitForStarted(), qPrintable(terminal.errorString()));
+        // The walk runs while this thread waits: the cloud serves from its own thread.
+        QVERIFY(terminal.waitForFinished(8 * kWait));
+        day->output = terminal.readAll();
+        day->status = terminal.exitStatus() == QProcess::NormalExit ? terminal.exitCode() : -1;
+        days[lang] = std::move(day);
+    }
 }
 
 void TestTerminalScreenshots::everyScreenIsWritten()
 {
-    QVERIFY2(status == 0, output.constData());
-    QStringList written = QDir(shots.path()).entryList({"*.png"}, QDir::Files, QDir::Name);
+    QFETCH(QString, lang);
+    Day& day = *days.at(lang);
+    QVERIFY2(day.status == 0, day.output.constData());
+    QStringList written = QDir(day.shots.path()).entryList({"*.png"}, QDir::Files, QDir::Name);
     QStringList expected;
     for (const QString& name : kScreens)
         expected << name + ".png";
@@ -104,15 +136,18 @@ void TestTerminalScreenshots::everyScreenIsWritten()
 
 void TestTerminalScreenshots::noScreenIsBlank_data()
 {
+    QTest::addColumn<QString>("lang");
     QTest::addColumn<QString>("name");
-    for (const QString& name : kScreens)
-        QTest::newRow(qPrintable(name)) << name;
+    for (const QString& lang : kLanguages)
+        for (const QString& name : kScreens)
+            QTest::newRow(qPrintable(lang + "/" + name)) << lang << name;
 }
 
 void TestTerminalScreenshots::noScreenIsBlank()
 {
+    QFETCH(QString, lang);
     QFETCH(QString, name);
-    const QImage image = screen(name).convertToFormat(QImage::Format_RGB32);
+    const QImage image = days.at(lang)->screen(name).convertToFormat(QImage::Format_RGB32);
     QVERIFY2(!image.isNull(), qPrintable(name));
     QCOMPARE(image.size(), QSize(1024, 600));
     // A drawn screen: no colour covers nearly all of it, and there is text and detail.
@@ -134,13 +169,15 @@ void TestTerminalScreenshots::noScreenIsBlank()
 
 void TestTerminalScreenshots::menuShowsTheFixturePictures()
 {
-    const QImage menu = screen("03-menu");
+    QFETCH(QString, lang);
+    Day& day = *days.at(lang);
+    const QImage menu = day.screen("03-menu");
     QVERIFY(!menu.isNull());
     QSet<int> rows;
     for (int id = 1; id <= 8; ++id) {
         // The very picture the cloud serves for the dish, found whole in the menu screen.
         const QImage picture = QImage::fromData(
-            cloud->state().picture(QString("/img/items/%1.png").arg(id).toUtf8()), "PNG");
+            day.cloud->state().picture(QString("/img/items/%1.png").arg(id).toUtf8()), "PNG");
         QVERIFY2(!picture.isNull(), qPrintable(QString("dish %1 has no picture").arg(id)));
         const QPoint at = find(menu, picture);
         QVERIFY2(at.x() >= 0, qPrintable(QString("the picture of dish %1 is not on the menu "
@@ -153,10 +190,12 @@ void TestTerminalScreenshots::menuShowsTheFixturePictures()
 
 void TestTerminalScreenshots::invoiceQrReadsAsThePayload()
 {
+    QFETCH(QString, lang);
+    Day& day = *days.at(lang);
     // The payload the cloud sent: its QR text for the one invoice of the day, whose amount the
     // terminal asked for in its signed "create" request.
     const QList<kelocloud::CloudExchange> creates =
-        cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create"));
+        day.cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create"));
     QCOMPARE(creates.size(), 1);
     const QJsonObject dt =
         QJsonDocument::fromJson(
@@ -168,7 +207,7 @@ void TestTerminalScreenshots::invoiceQrReadsAsThePayload()
     const QString zbarimg = QStandardPaths::findExecutable("zbarimg");
     QVERIFY2(!zbarimg.isEmpty(), "zbarimg is missing: run tools/install-deps.sh");
     QProcess reader;
-    reader.start(zbarimg, {"--raw", "-q", QDir(shots.path()).filePath("06-invoice-qr.png")});
+    reader.start(zbarimg, {"--raw", "-q", QDir(day.shots.path()).filePath("06-invoice-qr.png")});
     QVERIFY(reader.waitForFinished(2 * kWait));
     QCOMPARE(reader.exitCode(), 0);
     QCOMPARE(QString::fromUtf8(reader.readAllStandardOutput()).trimmed(), expected);
@@ -176,11 +215,36 @@ void TestTerminalScreenshots::invoiceQrReadsAsThePayload()
 
 void TestTerminalScreenshots::theDayReachedTheCloud()
 {
+    QFETCH(QString, lang);
+    Day& day = *days.at(lang);
     // What the screens claim happened did happen on the server.
-    QCOMPARE(cloud->exchanges("/kelo/api/login/", "cashier_login").size(), 2); // wrong, right
-    QCOMPARE(cloud->exchanges("/kelo/api/invoice/", "confirm_order").size(), 1);
-    QCOMPARE(cloud->exchanges("/kelo/api/invoice/", "payment").size(), 1);
-    QCOMPARE(cloud->openInvoiceCount(), 0);
+    QCOMPARE(day.cloud->exchanges("/kelo/api/login/", "cashier_login").size(), 2); // wrong, right
+    QCOMPARE(day.cloud->exchanges("/kelo/api/invoice/", "confirm_order").size(), 1);
+    QCOMPARE(day.cloud->exchanges("/kelo/api/invoice/", "payment").size(), 1);
+    QCOMPARE(day.cloud->openInvoiceCount(), 0);
+}
+
+void TestTerminalScreenshots::theLanguagesDiffer_data()
+{
+    QTest::addColumn<QString>("name");
+    for (const QString& name : kScreens)
+        QTest::newRow(qPrintable(name)) << name;
+}
+
+void TestTerminalScreenshots::theLanguagesDiffer()
+{
+    // Every screen has words on it (buttons, titles, the header): the Vietnamese walk wrote
+    // them in Vietnamese, so no screen of it is the English one.
+    QFETCH(QString, name);
+    const QImage en = days.at("en")->screen(name).convertToFormat(QImage::Format_RGB32);
+    const QImage vi = days.at("vi")->screen(name).convertToFormat(QImage::Format_RGB32);
+    QVERIFY(!en.isNull() && !vi.isNull());
+    QCOMPARE(vi.size(), en.size());
+    int differing = 0;
+    for (int y = 0; y < en.height(); ++y)
+        for (int x = 0; x < en.width(); ++x)
+            differing += en.pixel(x, y) != vi.pixel(x, y);
+    QVERIFY2(differing > 500, qPrintable(QString("%1: %2 pixels differ").arg(name).arg(differing)));
 }
 
 QTEST_GUILESS_MAIN(TestTerminalScreenshots)

@@ -14,6 +14,9 @@ packages=(
     qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
     qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
     zbar-tools fonts-dejavu-core
+    # The terminal's translations (Vietnamese, English): lupdate and lrelease, for both Qt majors.
+    qttools5-dev qttools5-dev-tools
+    qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
     # The Qt 6 build (run-tests.sh qt6), the QML module and the terminal included.
     qt6-base-dev qt6-base-dev-tools qt6-websockets-dev
     qt6-declarative-dev qt6-declarative-dev-tools

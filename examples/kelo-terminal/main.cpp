@@ -6,6 +6,8 @@
 //   kelo-terminal ... --screenshots DIR    walks the whole day offscreen, one PNG per screen
 //   kelo-terminal --server 192.168.1.20:8443 --ca ca.pem --simulator --control-token TOKEN
 //                                          against a kelo-cloud on the shop's LAN
+//   kelo-terminal ... --lang vi|en         Vietnamese or English (default: the system locale's)
+#include "terminallanguage.h"
 #include "terminalshell.h"
 
 #include <QCommandLineParser>
@@ -42,7 +44,8 @@ int main(int argc, char** argv)
     // pictures are the same on every machine.
     if (walksOffscreen(argc, argv)) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
-        QQuickWindow::setSceneGraphBackend(QStringLiteral("software")); // the name both Qt majors take
+        QQuickWindow::setSceneGraphBackend(
+            QStringLiteral("software")); // the name both Qt majors take
     }
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     // qtquickcontrols2.conf names Qt 5's flat "Default" style, which Qt 6 calls "Basic".
@@ -52,42 +55,64 @@ int main(int argc, char** argv)
     QGuiApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("kelo"));
     QCoreApplication::setApplicationName(QStringLiteral("kelo-terminal"));
+    // The system locale's language from the start, so that --help is written in it too.
+    TerminalLanguage language;
+    language.use(TerminalLanguage::forLocale(QLocale::system()));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "The Kelo touch-screen terminal: staff login, menu, tables, bills and e-wallet QR "
-        "payments against a Kelo cloud. Start the local cloud first (kelo-cloud) and pass its "
-        "address and CA, or use tools/run-terminal.sh, which starts both."));
+    parser.setApplicationDescription(QCoreApplication::translate(
+        "main", "The Kelo touch-screen terminal: staff login, menu, tables, bills and e-wallet QR "
+                "payments against a Kelo cloud. Start the local cloud first (kelo-cloud) and pass "
+                "its address and CA, or use tools/run-terminal.sh, which starts both."));
     parser.addHelpOption();
     const QCommandLineOption server(
         {QStringLiteral("s"), QStringLiteral("server")},
-        QStringLiteral("Cloud address host:port (default: $KELO_SERVER_HOST)."),
+        QCoreApplication::translate("main",
+                                    "Cloud address host:port (default: $KELO_SERVER_HOST)."),
         QStringLiteral("host:port"), qEnvironmentVariable("KELO_SERVER_HOST"));
     const QCommandLineOption ca(
         QStringLiteral("ca"),
-        QStringLiteral("CA certificate of the cloud (default: $KELO_CA or %1).")
+        QCoreApplication::translate("main",
+                                    "CA certificate of the cloud (default: $KELO_CA or %1).")
             .arg(defaultCaPath()),
         QStringLiteral("file"), qEnvironmentVariable("KELO_CA", defaultCaPath()));
-    const QCommandLineOption merchant(QStringLiteral("merchant"), QStringLiteral("Merchant id."),
+    const QCommandLineOption merchant(QStringLiteral("merchant"),
+                                      QCoreApplication::translate("main", "Merchant id."),
                                       QStringLiteral("id"), QStringLiteral("M01"));
-    const QCommandLineOption machine(QStringLiteral("machine"), QStringLiteral("Terminal name."),
+    const QCommandLineOption machine(QStringLiteral("machine"),
+                                     QCoreApplication::translate("main", "Terminal name."),
                                      QStringLiteral("name"), QStringLiteral("POS-1"));
     const QCommandLineOption simulator(
         QStringLiteral("simulator"),
-        QStringLiteral("The cloud is kelo-cloud: offer to play the customer's e-wallet."));
+        QCoreApplication::translate(
+            "main", "The cloud is kelo-cloud: offer to play the customer's e-wallet."));
     const QCommandLineOption screenshots(
         QStringLiteral("screenshots"),
-        QStringLiteral("Walk the whole day offscreen against the simulator, write one PNG per "
-                       "screen into DIR, then quit (status 0 when every step succeeded)."),
+        QCoreApplication::translate(
+            "main", "Walk the whole day offscreen against the simulator, write one PNG per "
+                    "screen into DIR, then quit (status 0 when every step succeeded)."),
         QStringLiteral("DIR"));
     const QCommandLineOption controlToken(
         QStringLiteral("control-token"),
-        QStringLiteral("kelo-cloud's control token, for playing the customer against a kelo-cloud "
-                       "on a LAN address (it prints the token at start; default: "
-                       "$KELO_CLOUD_CONTROL_TOKEN; none is needed on 127.0.0.1)."),
+        QCoreApplication::translate(
+            "main", "kelo-cloud's control token, for playing the customer against a kelo-cloud "
+                    "on a LAN address (it prints the token at start; default: "
+                    "$KELO_CLOUD_CONTROL_TOKEN; none is needed on 127.0.0.1)."),
         QStringLiteral("token"), qEnvironmentVariable("KELO_CLOUD_CONTROL_TOKEN"));
-    parser.addOptions({server, ca, merchant, machine, simulator, screenshots, controlToken});
+    const QCommandLineOption lang(
+        QStringLiteral("lang"),
+        QCoreApplication::translate(
+            "main", "Language of the screens: vi or en (default: the system locale's, now %1).")
+            .arg(language.code()),
+        QStringLiteral("vi|en"));
+    parser.addOptions({server, ca, merchant, machine, simulator, screenshots, controlToken, lang});
     parser.process(app);
+    if (parser.isSet(lang) && !language.use(parser.value(lang))) {
+        QTextStream(stderr) << QCoreApplication::translate(
+                                   "main", "kelo-terminal: unknown language %1 (vi or en)\n")
+                                   .arg(parser.value(lang));
+        return 2;
+    }
 
     TerminalShell::Settings settings;
     settings.serverHost = parser.value(server);
@@ -98,8 +123,9 @@ int main(int argc, char** argv)
     settings.simulator = parser.isSet(simulator) || parser.isSet(screenshots);
     settings.controlToken = parser.value(controlToken).toUtf8();
     if (settings.serverHost.isEmpty()) {
-        QTextStream(stderr) << "kelo-terminal: no cloud address: pass --server host:port or set "
-                               "KELO_SERVER_HOST\n";
+        QTextStream(stderr) << QCoreApplication::translate(
+            "main", "kelo-terminal: no cloud address: pass --server host:port or set "
+                    "KELO_SERVER_HOST\n");
         return 2;
     }
     TerminalShell shell(settings);
@@ -111,12 +137,15 @@ int main(int argc, char** argv)
         engine.addImportPath(QStringLiteral(KELO_QML_BUILD_DIR));
 #endif
     engine.rootContext()->setContextProperty(QStringLiteral("shell"), &shell);
+    language.setEngine(&engine);
+    engine.rootContext()->setContextProperty(QStringLiteral("language"), &language);
     engine.load(QUrl(QStringLiteral("qrc:/kelo-terminal/main.qml")));
     auto* window = engine.rootObjects().isEmpty()
                        ? nullptr
                        : qobject_cast<QQuickWindow*>(engine.rootObjects().first());
     if (!window) {
-        QTextStream(stderr) << "kelo-terminal: the user interface did not load\n";
+        QTextStream(stderr) << QCoreApplication::translate(
+            "main", "kelo-terminal: the user interface did not load\n");
         return 1;
     }
     shell.setWindow(window);

@@ -1,4 +1,4 @@
-// Staff login: user name, password and role.
+// Staff login: user name, password and role, and the EN / VI language switch.
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
@@ -14,6 +14,24 @@ Item {
     function submit() {
         if (user.length > 0 && !terminal.busy)
             terminal.login(user, password, role)
+    }
+
+    // The language switch, top right: the screens change language at once. The two codes are
+    // the same in both languages.
+    Row {
+        objectName: "languageSwitch"
+        anchors { top: parent.top; right: parent.right; margins: 16 }
+        spacing: 4
+        Repeater {
+            model: ["en", "vi"]
+            delegate: Button {
+                width: 56; height: 40
+                highlighted: language.code === modelData
+                text: modelData.toUpperCase()
+                font.pixelSize: 15; font.bold: true
+                onClicked: language.code = modelData
+            }
+        }
     }
 
     Rectangle {

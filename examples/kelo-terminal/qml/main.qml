@@ -120,8 +120,12 @@ ApplicationWindow {
                                ? "#00897b" : "transparent"
                         Label {
                             anchors.centerIn: parent
+                            width: parent.width - 8
+                            horizontalAlignment: Text.AlignHCenter
                             text: modelData.label
                             color: "white"; font.pixelSize: 17
+                            // "Thực đơn" is about as wide as the rail: shrink rather than touch.
+                            fontSizeMode: Text.HorizontalFit; minimumPixelSize: 12
                         }
                         MouseArea {
                             anchors.fill: parent
