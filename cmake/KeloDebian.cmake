@@ -3,6 +3,8 @@
 #   libkelo-dev      dev       headers, libkelo.so, the CMake package Kelo and kelo.pc
 #   kelo-cloud       cloud     the local cloud simulator
 #   qml-module-kelo  qml       the QML module Kelo, only when the target keloqml exists
+#   kelo-terminal    terminal  the touch-screen terminal as a kiosk service (systemd unit, its
+#                              settings in /etc/default), only when kelo-terminal is built
 # Runtime dependencies come from dpkg-shlibdeps; the packages' own relations are written here.
 # Included last from the top-level CMakeLists.txt, so that every target already exists.
 option(KELO_PACKAGING "Configure the Debian packages (CPack DEB); set by tools/make-packages.sh" OFF)
@@ -32,12 +34,16 @@ if(TARGET kelo-cloud)
 endif()
 if(TARGET keloqml)
     list(APPEND _kelo_components qml)
+    if(TARGET kelo-terminal)
+        list(APPEND _kelo_components terminal)
+    endif()
 endif()
 
 set(_kelo_deb_name_runtime libkelo1)
 set(_kelo_deb_name_dev libkelo-dev)
 set(_kelo_deb_name_cloud kelo-cloud)
 set(_kelo_deb_name_qml qml-module-kelo)
+set(_kelo_deb_name_terminal kelo-terminal)
 
 # Each package's /usr/share/doc/<package>: the copyright file and the Debian changelog (generated
 # from cmake/deb/changelog.in, compressed as Debian wants it: gzip -9n, no name, no time stamp).
@@ -72,6 +78,24 @@ if(TARGET keloqml)
     set_target_properties(keloqml PROPERTIES INSTALL_RPATH "")
     install(TARGETS keloqml LIBRARY DESTINATION "${KELO_QML_INSTALL_DIR}/Kelo" COMPONENT qml)
     install(FILES qml/qmldir DESTINATION "${KELO_QML_INSTALL_DIR}/Kelo" COMPONENT qml)
+endif()
+
+if("terminal" IN_LIST _kelo_components)
+    # The kiosk: the binary, its man page, the systemd unit (where Debian 12's own units are) and
+    # its settings, a conffile. The maintainer scripts create the system user the unit runs as and
+    # tell systemd about the unit without enabling it (docs/packaging.md says why).
+    install(TARGETS kelo-terminal RUNTIME DESTINATION bin COMPONENT terminal)
+    configure_file(cmake/deb/kelo-terminal.1 "${_kelo_deb_dir}/kelo-terminal.1" COPYONLY)
+    execute_process(COMMAND "${KELO_GZIP}" -9nf "${_kelo_deb_dir}/kelo-terminal.1" COMMAND_ERROR_IS_FATAL ANY)
+    install(FILES "${_kelo_deb_dir}/kelo-terminal.1.gz" DESTINATION share/man/man1 COMPONENT terminal)
+    install(FILES cmake/deb/kelo-terminal.service DESTINATION /lib/systemd/system COMPONENT terminal)
+    install(FILES cmake/deb/kelo-terminal.default DESTINATION /etc/default RENAME kelo-terminal
+        COMPONENT terminal)
+    file(WRITE "${_kelo_deb_dir}/terminal-control/conffiles" "/etc/default/kelo-terminal\n")
+    foreach(script postinst prerm postrm)
+        configure_file(cmake/deb/kelo-terminal.${script} "${_kelo_deb_dir}/terminal-control/${script}"
+            COPYONLY)
+    endforeach()
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -142,5 +166,28 @@ ${_kelo_deb_about}
 This package holds the Qt Quick module Kelo 1.0 (import Kelo 1.0):
 KeloTerminal, its menu, table and order models, and the kelo-qr image
 provider.")
+
+set(CPACK_DEBIAN_TERMINAL_PACKAGE_NAME kelo-terminal)
+set(CPACK_DEBIAN_TERMINAL_PACKAGE_SECTION misc)
+# The Qt Quick modules its screens import (no tool finds those), adduser and the systemd helpers
+# for the maintainer scripts; Qt's libraries come from dpkg-shlibdeps.
+set(CPACK_DEBIAN_TERMINAL_PACKAGE_DEPENDS "qml-module-kelo ${_kelo_exact}, libkelo1 ${_kelo_exact}, \
+qml-module-qtquick2, qml-module-qtquick-window2, qml-module-qtquick-layouts, \
+qml-module-qtquick-controls2, qml-module-qtquick-templates2, adduser, init-system-helpers")
+# Qt draws text with the system's fonts; a bare device image may have none.
+set(CPACK_DEBIAN_TERMINAL_PACKAGE_RECOMMENDS "fonts-dejavu-core")
+set(CPACK_DEBIAN_TERMINAL_PACKAGE_CONTROL_EXTRA "${_kelo_deb_dir}/terminal-control/conffiles"
+    "${_kelo_deb_dir}/terminal-control/postinst" "${_kelo_deb_dir}/terminal-control/prerm"
+    "${_kelo_deb_dir}/terminal-control/postrm")
+set(CPACK_DEBIAN_TERMINAL_DESCRIPTION "touch-screen point-of-sale terminal for the Kelo cloud
+kelo-terminal is the reference touch-screen terminal of libkelo, a Qt Quick
+application over the QML module Kelo: staff login, the menu with the dishes'
+pictures, the tables, a table's bill and e-wallet payment by QR code.
+.
+This package also runs it as a kiosk: the systemd unit kelo-terminal.service
+starts it on the device's screen (linuxfb, eglfs or xcb) as the system user
+kelo-terminal and restarts it when it exits. Its settings (the cloud's
+address and CA, the merchant and the terminal's name) are in
+/etc/default/kelo-terminal. The unit is not enabled on installation.")
 
 include(CPack)

@@ -19,7 +19,9 @@ all) arches=(amd64 armhf) ;;
 esac
 jobs=${KELO_PACKAGE_JOBS:-2}
 
-bash tools/install-deps.sh dpkg-dev fakeroot file lintian
+# systemd and man-db: tools/check-packages.sh verifies kelo-terminal's unit (systemd-analyze,
+# which looks up the unit's man page).
+bash tools/install-deps.sh dpkg-dev fakeroot file lintian systemd man-db
 log() { echo "make-packages: $*"; }
 # shellcheck source=tools/package-build.sh
 source tools/package-build.sh
