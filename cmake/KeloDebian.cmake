@@ -169,11 +169,12 @@ provider.")
 
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_NAME kelo-terminal)
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_SECTION misc)
-# The Qt Quick modules its screens import (no tool finds those), adduser and the systemd helpers
-# for the maintainer scripts; Qt's libraries come from dpkg-shlibdeps.
+# The Qt Quick modules its screens import (no tool finds those) and adduser for the postinst
+# (init-system-helpers, whose deb-systemd-* the scripts call, is essential); Qt's libraries come
+# from dpkg-shlibdeps.
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_DEPENDS "qml-module-kelo ${_kelo_exact}, libkelo1 ${_kelo_exact}, \
 qml-module-qtquick2, qml-module-qtquick-window2, qml-module-qtquick-layouts, \
-qml-module-qtquick-controls2, qml-module-qtquick-templates2, adduser, init-system-helpers")
+qml-module-qtquick-controls2, qml-module-qtquick-templates2, adduser")
 # Qt draws text with the system's fonts; a bare device image may have none.
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_RECOMMENDS "fonts-dejavu-core")
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_CONTROL_EXTRA "${_kelo_deb_dir}/terminal-control/conffiles"
