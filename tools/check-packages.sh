@@ -86,7 +86,7 @@ check_unit() {
     status=0
     out=$(systemd-analyze security --offline=true --threshold=20 --root="$root" "$unit" 2>&1) || status=$?
     [ "$status" -eq 0 ] || fail "kelo-terminal: unit exposure above 2.0: $(tail -n 1 <<<"$out")"
-    echo "check-packages: $arch: kelo-terminal: unit verified; $(tail -n 1 <<<"$out" | sed 's/^→ //')"
+    echo "check-packages: $arch: kelo-terminal: unit checked; $(tail -n 1 <<<"$out" | sed 's/^→ //')"
     # What the unit and the maintainer scripts rely on.
     local key
     for key in 'User=kelo-terminal' 'EnvironmentFile=/etc/default/kelo-terminal' 'Restart=always' \
