@@ -5,7 +5,8 @@
 # - version and architecture, the relations between the packages, the Qt runtime dependencies
 #   found by dpkg-shlibdeps, and libkelo1's shlibs entry;
 # - kelo-terminal's systemd unit: systemd-analyze verify against the unpacked package (any
-#   message fails, unknown keys included), its exposure level, its conffile and maintainer scripts;
+#   message fails, unknown keys included), its exposure level, its conffile and maintainer scripts,
+#   no build-tree path in its binary;
 # - lintian: any error or warning fails (the few justified ones are overridden in the package,
 #   see docs/packaging.md).
 set -euo pipefail
@@ -95,6 +96,14 @@ check_unit() {
     done
     grep -q '^ExecStart=/usr/bin/kelo-terminal --server ${KELO_SERVER_HOST} --ca ${KELO_CA} ' "$root$unit" ||
         fail "kelo-terminal: ExecStart does not pass the server and the CA from the settings"
+    # The installed terminal loads the module Kelo from qml-module-kelo: a path into this build
+    # tree compiled into it (QStringLiteral: UTF-16) would load the build's module instead.
+    local tree
+    tree=$(cd "$(dirname "$0")/.." && pwd)
+    if { strings -a "$root/usr/bin/kelo-terminal"; strings -a -el "$root/usr/bin/kelo-terminal"; } |
+        grep -qF "$tree/"; then
+        fail "kelo-terminal: the binary holds a path into the build tree $tree"
+    fi
     local control
     control=$(dpkg-deb --ctrl-tarfile "$deb" | tar -tf - | sed 's|^\./||')
     for key in conffiles postinst prerm postrm; do
