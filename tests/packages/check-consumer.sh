@@ -4,7 +4,10 @@
 # amd64: installs the packages into this machine's system (apt-get install ./*.deb; run as root),
 # builds tests/packages/consumer against the installed files only, once with find_package(Kelo)
 # and once with pkg-config kelo, and runs each against the installed kelo-cloud: a waiter logs in
-# and the menu syncs with its pictures. The packages are purged again on exit.
+# and the menu syncs with its pictures. kelo-terminal: its maintainer scripts made the system user
+# and its groups, registered the conffile and enabled nothing, and the installed terminal, run as
+# that user, walks its day against the installed kelo-cloud with the installed QML module; purge
+# removes its settings. The packages are purged again on exit.
 # armhf: unpacks the packages (dpkg-deb -x) into a copy of the sysroot, cross-builds the consumer
 # both ways against it and runs it under qemu-arm against the same kelo-cloud.
 set -euo pipefail
@@ -13,9 +16,12 @@ root=$(cd "$here/../.." && pwd)
 amd64_dir=$(realpath "$1")
 armhf_dir=${2:+$(realpath "$2")}
 sysroot=${3:+$(realpath "$3")}
-packages=(libkelo1 libkelo-dev kelo-cloud qml-module-kelo)
+packages=(libkelo1 libkelo-dev kelo-cloud qml-module-kelo kelo-terminal)
 
 work=$(mktemp -d)
+# The kiosk user's own files: a directory it can reach ($work is root's alone).
+kiosk=$(mktemp -d)
+chmod 755 "$kiosk"
 cloud_pid=""
 purge() {
     local installed
@@ -25,13 +31,16 @@ purge() {
 cleanup() {
     [ -n "$cloud_pid" ] && kill "$cloud_pid" 2>/dev/null || true
     purge
-    rm -rf "$work"
+    rm -rf "$work" "$kiosk"
 }
 trap cleanup EXIT
 
 log() { echo "check-consumer: $*"; }
 
 purge
+# The postinst must make the kiosk user itself: one left by an earlier run goes first.
+if getent passwd kelo-terminal >/dev/null; then userdel kelo-terminal; fi
+if getent group kelo-terminal >/dev/null; then groupdel kelo-terminal; fi
 log "installing $(cd "$amd64_dir" && echo *.deb)"
 DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
     -o DPkg::Lock::Timeout=600 "$amd64_dir"/*.deb >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; exit 1; }
@@ -70,6 +79,34 @@ run_consumer() { # <label> <command...>
 }
 run_consumer "amd64 find_package(Kelo)" "$work/cmake/kelo_consumer"
 run_consumer "amd64 pkg-config kelo" "$work/pkgconfig/kelo_consumer"
+
+# kelo-terminal, as its postinst left the machine.
+getent passwd kelo-terminal | grep -q ':/var/lib/kelo-terminal:/usr/sbin/nologin$' ||
+    { log "no system user kelo-terminal: $(getent passwd kelo-terminal || true)"; exit 1; }
+for group in kelo-terminal video render input; do
+    getent group "$group" >/dev/null || { log "group $group is missing"; exit 1; }
+done
+dpkg-query -W -f='${Conffiles}\n' kelo-terminal | grep -q '^ /etc/default/kelo-terminal ' ||
+    { log "/etc/default/kelo-terminal is not a conffile of kelo-terminal"; exit 1; }
+test -f /lib/systemd/system/kelo-terminal.service || { log "kelo-terminal.service is not installed"; exit 1; }
+if [ -n "$(find /etc/systemd/system -name kelo-terminal.service 2>/dev/null)" ]; then
+    log "installing kelo-terminal enabled its unit"; exit 1
+fi
+# The installed terminal as the kiosk user, with the module of qml-module-kelo only.
+install -d -o kelo-terminal -g kelo-terminal "$kiosk/home" "$kiosk/shots"
+install -m 0644 "$work/ca/ca.pem" "$kiosk/ca.pem"
+runuser -u kelo-terminal -- env -u QML2_IMPORT_PATH -u QML_IMPORT_PATH -u LD_LIBRARY_PATH \
+    HOME="$kiosk/home" XDG_DATA_HOME="$kiosk/home/data" XDG_CACHE_HOME="$kiosk/home/cache" \
+    timeout 120 /usr/bin/kelo-terminal --server "$hostport" --ca "$kiosk/ca.pem" \
+    --screenshots "$kiosk/shots" >"$work/terminal.out" 2>&1 ||
+    { cat "$work/terminal.out"; log "the installed kelo-terminal failed its day"; exit 1; }
+shots=$(find "$kiosk/shots" -name '*.png' | wc -l)
+[ "$shots" -ge 8 ] || { cat "$work/terminal.out"; log "kelo-terminal wrote $shots screenshots"; exit 1; }
+log "kelo-terminal installed as a kiosk and ran its day as kelo-terminal ($shots screens)"
+dpkg --purge kelo-terminal >/dev/null
+for f in /etc/default/kelo-terminal /lib/systemd/system/kelo-terminal.service /var/lib/kelo-terminal; do
+    ! test -e "$f" || { log "$f is left after purging kelo-terminal"; exit 1; }
+done
 
 [ -n "$armhf_dir" ] || exit 0
 
