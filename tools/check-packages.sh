@@ -83,7 +83,9 @@ check_unit() {
     dpkg-deb -x "$deb" "$root"
     status=0
     out=$(MANPATH="$root/usr/share/man" systemd-analyze verify --root="$root" "$unit" 2>&1) || status=$?
-    [ "$status" -eq 0 ] && [ -z "$out" ] || fail "kelo-terminal: systemd-analyze verify (status $status): $out"
+    if [ "$status" -ne 0 ] || [ -n "$out" ]; then
+        fail "kelo-terminal: systemd-analyze verify (status $status): $out"
+    fi
     status=0
     out=$(systemd-analyze security --offline=true --threshold=20 --root="$root" "$unit" 2>&1) || status=$?
     [ "$status" -eq 0 ] || fail "kelo-terminal: unit exposure above 2.0: $(tail -n 1 <<<"$out")"
@@ -94,6 +96,7 @@ check_unit() {
         'SupplementaryGroups=video render input'; do
         grep -qxF "$key" "$root$unit" || fail "kelo-terminal: the unit has no line $key"
     done
+    # shellcheck disable=SC2016 # systemd's ${...}, literally
     grep -q '^ExecStart=/usr/bin/kelo-terminal --server ${KELO_SERVER_HOST} --ca ${KELO_CA} ' "$root$unit" ||
         fail "kelo-terminal: ExecStart does not pass the server and the CA from the settings"
     # The installed terminal loads the module Kelo from qml-module-kelo: a path into this build
