@@ -93,6 +93,7 @@ check_unit() {
     # What the unit and the maintainer scripts rely on.
     local key
     for key in 'User=kelo-terminal' 'EnvironmentFile=/etc/default/kelo-terminal' 'Restart=always' \
+        'RestartPreventExitStatus=2' \
         'SupplementaryGroups=video render input'; do
         grep -qxF "$key" "$root$unit" || fail "kelo-terminal: the unit has no line $key"
     done

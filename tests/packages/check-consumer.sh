@@ -92,6 +92,12 @@ test -f /lib/systemd/system/kelo-terminal.service || { log "kelo-terminal.servic
 if [ -n "$(find /etc/systemd/system -name kelo-terminal.service 2>/dev/null)" ]; then
     log "installing kelo-terminal enabled its unit"; exit 1
 fi
+# The unit passes an empty --server while the settings name no cloud, and does not restart the
+# terminal on status 2 (RestartPreventExitStatus=2): the terminal must answer that with 2.
+status=0
+QT_QPA_PLATFORM=offscreen /usr/bin/kelo-terminal --server "" --ca /etc/kelo-terminal/ca.pem \
+    --merchant M01 --machine POS-1 >"$work/no-server.out" 2>&1 || status=$?
+[ "$status" -eq 2 ] || { cat "$work/no-server.out"; log "kelo-terminal without a cloud address exited $status, not 2"; exit 1; }
 # The installed terminal as the kiosk user, with the module of qml-module-kelo only.
 install -d -o kelo-terminal -g kelo-terminal "$kiosk/home" "$kiosk/shots"
 install -m 0644 "$work/ca/ca.pem" "$kiosk/ca.pem"
