@@ -2,7 +2,12 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
+#include <QGuiApplication>
 #include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMouseEvent>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPixmap>
@@ -31,6 +36,31 @@ bool TerminalShell::saveScreenshot(const QString& name)
     QTextStream(stdout) << "kelo-terminal: " << (saved ? "wrote " : "cannot write ") << path
                         << Qt::endl;
     return saved;
+}
+
+bool TerminalShell::saveNote(const QString& name, const QVariantMap& values)
+{
+    if (screenshotDir.isEmpty() || !QDir().mkpath(screenshotDir))
+        return false;
+    QFile file(QDir(screenshotDir).filePath(name + QStringLiteral(".json")));
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(QJsonDocument(QJsonObject::fromVariantMap(values)).toJson()) > 0;
+}
+
+bool TerminalShell::tap(const QPointF& scenePos)
+{
+    if (!window || !QRectF(QPointF(), window->size()).contains(scenePos))
+        return false;
+    // Straight to the window, as the platform delivers a touch screen's synthesized mouse events:
+    // the keyboard's keys take them like a finger's.
+    const QPointF global = window->mapToGlobal(scenePos.toPoint());
+    QMouseEvent press(QEvent::MouseButtonPress, scenePos, global, Qt::LeftButton, Qt::LeftButton,
+                      Qt::NoModifier);
+    QMouseEvent release(QEvent::MouseButtonRelease, scenePos, global, Qt::LeftButton, Qt::NoButton,
+                        Qt::NoModifier);
+    const bool pressed = QCoreApplication::sendEvent(window, &press);
+    const bool released = QCoreApplication::sendEvent(window, &release);
+    return pressed && released;
 }
 
 void TerminalShell::payAsCustomer(const QString& invoiceCode)
