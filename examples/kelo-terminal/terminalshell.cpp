@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QGuiApplication>
 #include <QImage>
@@ -13,8 +14,14 @@
 #include <QPixmap>
 #include <QScreen>
 #include <QTextStream>
+#include <QTimer>
 #include <QUrl>
 #include <QUrlQuery>
+
+namespace {
+// How long the finger of tap() stays down: a short touch, well below a press-and-hold.
+constexpr int kTapMs = 40;
+} // namespace
 
 TerminalShell::TerminalShell(const Settings& settings, QObject* parent)
     : QObject(parent), serverHost(settings.serverHost), caFile(settings.caFile),
@@ -52,15 +59,25 @@ bool TerminalShell::tap(const QPointF& scenePos)
     if (!window || !QRectF(QPointF(), window->size()).contains(scenePos))
         return false;
     // Straight to the window, as the platform delivers a touch screen's synthesized mouse events:
-    // the keyboard's keys take them like a finger's.
+    // the keyboard's keys take them like a finger's. The finger is lifted a moment later, from
+    // the event loop, with a later time stamp.
     const QPointF global = window->mapToGlobal(scenePos.toPoint());
+    static QElapsedTimer clock;
+    if (!clock.isValid())
+        clock.start();
     QMouseEvent press(QEvent::MouseButtonPress, scenePos, global, Qt::LeftButton, Qt::LeftButton,
                       Qt::NoModifier);
-    QMouseEvent release(QEvent::MouseButtonRelease, scenePos, global, Qt::LeftButton, Qt::NoButton,
-                        Qt::NoModifier);
-    const bool pressed = QCoreApplication::sendEvent(window, &press);
-    const bool released = QCoreApplication::sendEvent(window, &release);
-    return pressed && released;
+    press.setTimestamp(ulong(clock.elapsed()));
+    QCoreApplication::sendEvent(window, &press);
+    QTimer::singleShot(kTapMs, this, [this, scenePos, global] {
+        if (!window)
+            return;
+        QMouseEvent release(QEvent::MouseButtonRelease, scenePos, global, Qt::LeftButton,
+                            Qt::NoButton, Qt::NoModifier);
+        release.setTimestamp(ulong(clock.elapsed()));
+        QCoreApplication::sendEvent(window, &release);
+    });
+    return true;
 }
 
 void TerminalShell::payAsCustomer(const QString& invoiceCode)

@@ -50,8 +50,8 @@ public:
     /// the same name: what the walk measured on that screen (e.g. where the keyboard is).
     Q_INVOKABLE bool saveNote(const QString& name, const QVariantMap& values);
     /// Touches the window at @p scenePos (window coordinates) and lifts the finger again, as a
-    /// user's tap: a press and a release, delivered like the screen's own. False without a
-    /// window or outside it.
+    /// user's tap: a press now and a release 40 ms later from the event loop, delivered like the
+    /// screen's own. False (nothing sent) without a window or outside it.
     Q_INVOKABLE bool tap(const QPointF& scenePos);
     /// Asks the simulator to mark @p invoiceCode paid, as the customer's e-wallet app would;
     /// answered by customerPaid().
