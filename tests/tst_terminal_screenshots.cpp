@@ -97,6 +97,8 @@ private Q_SLOTS:
     void theLanguagesDiffer();
     void keyboardLeavesTheFieldVisible_data() { languages(); }
     void keyboardLeavesTheFieldVisible();
+    void bannerStaysAboveTheKeyboard_data() { languages(); }
+    void bannerStaysAboveTheKeyboard();
     void keyboardTypedTheName_data() { languages(); }
     void keyboardTypedTheName();
     void keyboardIsInTheScreensLanguage_data() { languages(); }
@@ -325,6 +327,33 @@ void TestTerminalScreenshots::keyboardLeavesTheFieldVisible()
     const QImage login = day.screen("01-login");
     QVERIFY(!shot.isNull() && !login.isNull());
     QVERIFY(differingPixels(shot, login, panel) > panel.width() * panel.height() / 2);
+}
+
+void TestTerminalScreenshots::bannerStaysAboveTheKeyboard()
+{
+    // A refused login while the keyboard is up (the cashier pressed its Enter key): the message
+    // shows whole between the header and the keyboard, and covers neither field.
+    QFETCH(QString, lang);
+    const QJsonObject note = days.at(lang)->note(kKeyboardScreen);
+    QVERIFY2(!note.isEmpty(), "the walk wrote no note of the keyboard screen");
+    const QRect banner = rect(note.value("banner"));
+    const QRect panel = rect(note.value("panel"));
+    QVERIFY(!panel.isEmpty());
+    QVERIFY2(
+        banner.height() > 0 && banner.top() >= 56,
+        qPrintable(QString("banner from y=%1, %2 high").arg(banner.top()).arg(banner.height())));
+    QVERIFY2(banner.bottom() < panel.top(),
+             qPrintable(QString("the banner ends at y=%1, the keyboard starts at y=%2")
+                            .arg(banner.bottom())
+                            .arg(panel.top())));
+    for (const char* field : {"field", "userField"})
+        QVERIFY2(!banner.intersects(rect(note.value(field))),
+                 qPrintable(QString("the banner (y=%1..%2) covers the %3 (y=%4..%5)")
+                                .arg(banner.top())
+                                .arg(banner.bottom())
+                                .arg(field)
+                                .arg(rect(note.value(field)).top())
+                                .arg(rect(note.value(field)).bottom())));
 }
 
 void TestTerminalScreenshots::keyboardTypedTheName()

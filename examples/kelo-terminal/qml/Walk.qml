@@ -78,12 +78,18 @@ QtObject {
               }
               return app.inputPanel.active && app.inputPanel.y < app.height
           },
+          why: function() {
+              return "keyboard up: " + app.inputPanel.active + ", left to type: \"" + walk.typing +
+                     "\", name field: \"" + app.loginScreen.user + "\""
+          },
           note: function() {
               return { window: { width: app.width, height: app.height },
                        focused: app.activeFocusItem === app.loginScreen.passwordField ? "password" : "other",
                        field: walk.sceneRect(app.loginScreen.passwordField),
                        userField: walk.sceneRect(app.loginScreen.userField),
                        panel: walk.sceneRect(app.inputPanel),
+                       // Where a message would show now (the banner is placed while hidden too).
+                       banner: walk.sceneRect(app.banner),
                        locale: InputContext.locale,
                        typed: app.loginScreen.user }
           } },
@@ -147,7 +153,8 @@ QtObject {
             } else if (Date.now() - walk.stepStarted > walk.stepTimeoutMs) {
                 stop()
                 shell.finish(1, "the walk stopped at step " + (walk.index + 1) + " (" +
-                             (step.name || "no screenshot") + "): the screen never got there")
+                             (step.name || "no screenshot") + "): the screen never got there" +
+                             (step.why ? " (" + step.why() + ")" : ""))
             }
         }
     }

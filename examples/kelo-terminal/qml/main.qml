@@ -234,9 +234,10 @@ ApplicationWindow {
 
     Banner {
         id: banner
-        anchors { left: parent.left; right: parent.right; bottom: parent.bottom; margins: 16 }
-        // Above the on-screen keyboard while it is up.
-        anchors.bottomMargin: 16 + (inputPanel.active ? parent.height - inputPanel.y : 0)
+        anchors { left: parent.left; right: parent.right; margins: 16 }
+        // At the bottom. While the on-screen keyboard is up, at the top: the keyboard has the
+        // bottom, and the field being typed in is just above it (keyboardShift).
+        y: inputPanel.active ? 16 : parent.height - height - 16
         z: 10
     }
 
