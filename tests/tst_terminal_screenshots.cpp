@@ -320,6 +320,18 @@ void TestTerminalScreenshots::keyboardLeavesTheFieldVisible()
                                 .arg(f.bottom())
                                 .arg(panel.top())));
     }
+    // While the name was typed, its field was the one in focus: above the keyboard too, and
+    // the screens had not moved, as it had room there.
+    const QJsonObject whileTyped = note.value("whileTyped").toObject();
+    QVERIFY(whileTyped.value("focused").toBool());
+    const QRect typedIn = rect(whileTyped.value("field"));
+    QVERIFY2(typedIn.height() > 0 && typedIn.top() >= 56 && typedIn.bottom() < panel.top(),
+             qPrintable(QString("the name field was at y=%1..%2 while typed in, the keyboard "
+                                "starts at y=%3")
+                            .arg(typedIn.top())
+                            .arg(typedIn.bottom())
+                            .arg(panel.top())));
+    QCOMPARE(whileTyped.value("shift").toDouble(), 0.0);
     // And the picture shows it: the keyboard where the note says (the login screen without it
     // is something else there), the field's box as on the login screen without the keyboard,
     // moved up.

@@ -13,8 +13,7 @@
 /**
  * What the terminal's QML needs from its host process: the settings given on the command line,
  * screenshots of the window (with notes of what the walk measured), taps on the screen for the
- * walk, and (against the local simulator only) the customer's side of an
- * e-wallet payment.
+ * walk, and (against the local simulator only) the customer's side of an e-wallet payment.
  */
 class TerminalShell : public QObject
 {

@@ -15,6 +15,8 @@ QtObject {
 
     // What is left to type on the on-screen keyboard, one tap of its key per poll.
     property string typing: ""
+    // The name field and the screens' shift when the name was typed, for the note.
+    property var whileTyped: ({})
 
     // The on-screen keyboard's visible key that types @p letter, or null.
     function key(item, letter) {
@@ -72,6 +74,10 @@ QtObject {
               if (app.loginScreen.user !== "bao")
                   return false
               if (!app.loginScreen.passwordField.activeFocus) {
+                  // The name field as it was typed in, before the focus moves on.
+                  walk.whileTyped = { field: walk.sceneRect(app.loginScreen.userField),
+                                      focused: app.activeFocusItem === app.loginScreen.userField,
+                                      shift: app.keyboardShift }
                   app.loginScreen.passwordField.forceActiveFocus()
                   Qt.inputMethod.show()
                   return false
@@ -91,7 +97,8 @@ QtObject {
                        // Where a message would show now (the banner is placed while hidden too).
                        banner: walk.sceneRect(app.banner),
                        locale: InputContext.locale,
-                       typed: app.loginScreen.user }
+                       typed: app.loginScreen.user,
+                       whileTyped: walk.whileTyped }
           } },
         { name: "",
           run: function() { Qt.inputMethod.hide(); app.loginScreen.forceActiveFocus() },

@@ -34,16 +34,15 @@ ApplicationWindow {
     // How the bill being settled was paid, for the message once the till has it.
     property string paymentNote: ""
     // The screens move up by this much while the on-screen keyboard is up, so that the field
-    // being typed in stays whole and at least keyboardMargin above the keyboard (and below the
-    // header). The keyboard itself never moves: it is the bottom of the window.
+    // being typed in ends keyboardMargin above the keyboard. The keyboard itself never moves: it
+    // is the bottom of the window.
     readonly property int keyboardMargin: 12
     readonly property real keyboardShift: {
         var field = window.activeFocusItem
         if (!inputPanel.active || !field || field === content)
             return 0
         var r = field.mapToItem(content, 0, 0, field.width, field.height)
-        return Math.max(0, Math.min(r.y - keyboardMargin,
-                                    r.y + r.height + keyboardMargin - inputPanel.y))
+        return Math.max(0, r.y + r.height + keyboardMargin - inputPanel.y)
     }
 
     KeloTerminal {
