@@ -174,7 +174,9 @@ set(CPACK_DEBIAN_TERMINAL_PACKAGE_SECTION misc)
 # from dpkg-shlibdeps.
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_DEPENDS "qml-module-kelo ${_kelo_exact}, libkelo1 ${_kelo_exact}, \
 qml-module-qtquick2, qml-module-qtquick-window2, qml-module-qtquick-layouts, \
-qml-module-qtquick-controls2, qml-module-qtquick-templates2, adduser")
+qml-module-qtquick-controls2, qml-module-qtquick-templates2, \
+qml-module-qtquick-virtualkeyboard, qtvirtualkeyboard-plugin, qml-module-qt-labs-folderlistmodel, \
+adduser")
 # Qt draws text with the system's fonts; a bare device image may have none.
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_RECOMMENDS "fonts-dejavu-core")
 set(CPACK_DEBIAN_TERMINAL_PACKAGE_CONTROL_EXTRA "${_kelo_deb_dir}/terminal-control/conffiles"

@@ -1,13 +1,15 @@
 // The touch-screen terminal's day (kelo-terminal --screenshots DIR) against the local cloud, once
 // in English and once in Vietnamese (--lang), each against a cloud of its own: every screen is
 // written, none is blank, the menu shows the fixture's own pictures pixel for pixel, the QR code
-// of the invoice screen reads back as the invoice's payload, and the two languages' screens
-// differ where there is text.
+// of the invoice screen reads back as the invoice's payload, the two languages' screens differ
+// where there is text, and the on-screen keyboard: the name typed by tapping its keys, the field
+// being typed in above it, its layout in the screens' language.
 #include "cloudcontrol.h"
 #include "testcloud.h"
 #include "testwait.h"
 
 #include <QDir>
+#include <QFile>
 #include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -22,8 +24,10 @@
 
 namespace {
 
-const QStringList kScreens{"01-login", "02-login-error", "03-menu",        "04-tables",
-                           "05-bill",  "06-invoice-qr",  "06-notice-late", "07-paid"};
+const QStringList kScreens{"01-login",      "01b-login-keyboard", "02-login-error",
+                           "03-menu",       "04-tables",          "05-bill",
+                           "06-invoice-qr", "06-notice-late",     "07-paid"};
+const QString kKeyboardScreen = QStringLiteral("01b-login-keyboard");
 
 // Where @p picture appears, pixel for pixel, in @p screen; (-1, -1) if nowhere.
 QPoint find(const QImage& screen, const QImage& picture)
@@ -65,6 +69,13 @@ struct Day
     {
         return QImage(QDir(shots.path()).filePath(name + ".png"));
     }
+    // What the walk measured on screen @p name (<name>.json); empty if nothing.
+    QJsonObject note(const QString& name) const
+    {
+        QFile file(QDir(shots.path()).filePath(name + ".json"));
+        return file.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(file.readAll()).object()
+                                              : QJsonObject();
+    }
 };
 
 class TestTerminalScreenshots : public QObject
@@ -84,6 +95,14 @@ private Q_SLOTS:
     void theDayReachedTheCloud();
     void theLanguagesDiffer_data();
     void theLanguagesDiffer();
+    void keyboardLeavesTheFieldVisible_data() { languages(); }
+    void keyboardLeavesTheFieldVisible();
+    void bannerStaysAboveTheKeyboard_data() { languages(); }
+    void bannerStaysAboveTheKeyboard();
+    void keyboardTypedTheName_data() { languages(); }
+    void keyboardTypedTheName();
+    void keyboardIsInTheScreensLanguage_data() { languages(); }
+    void keyboardIsInTheScreensLanguage();
 
 private:
     static void languages()
@@ -245,6 +264,141 @@ void TestTerminalScreenshots::theLanguagesDiffer()
         for (int x = 0; x < en.width(); ++x)
             differing += en.pixel(x, y) != vi.pixel(x, y);
     QVERIFY2(differing > 500, qPrintable(QString("%1: %2 pixels differ").arg(name).arg(differing)));
+}
+
+namespace {
+
+QRect rect(const QJsonValue& value)
+{
+    const QJsonObject o = value.toObject();
+    return QRectF(o.value("x").toDouble(), o.value("y").toDouble(), o.value("width").toDouble(),
+                  o.value("height").toDouble())
+        .toAlignedRect();
+}
+
+// How many pixels of @p area differ between @p a and @p b.
+int differingPixels(const QImage& a, const QImage& b, const QRect& area)
+{
+    const QImage x = a.convertToFormat(QImage::Format_RGB32);
+    const QImage y = b.convertToFormat(QImage::Format_RGB32);
+    int differing = 0;
+    for (int row = area.top(); row <= area.bottom(); ++row)
+        for (int col = area.left(); col <= area.right(); ++col)
+            differing += x.pixel(col, row) != y.pixel(col, row);
+    return differing;
+}
+
+} // namespace
+
+void TestTerminalScreenshots::keyboardLeavesTheFieldVisible()
+{
+    QFETCH(QString, lang);
+    Day& day = *days.at(lang);
+    const QJsonObject note = day.note(kKeyboardScreen);
+    QVERIFY2(!note.isEmpty(), "the walk wrote no note of the keyboard screen");
+    const QRect window(0, 0, 1024, 600);
+    const QRect panel = rect(note.value("panel"));
+    const QRect field = rect(note.value("field"));
+    const QRect userField = rect(note.value("userField"));
+    QCOMPARE(note.value("focused").toString(), QString("password"));
+    // The keyboard is up, the whole width at the bottom of the window, a real part of it.
+    QCOMPARE(panel.left(), 0);
+    QCOMPARE(panel.width(), window.width());
+    QCOMPARE(panel.bottom(), window.bottom());
+    QVERIFY2(panel.height() >= 200, qPrintable(QString("panel %1 high").arg(panel.height())));
+    // The field being typed in lies whole in the window, below the header (56) and above the
+    // keyboard; so does the name field above it.
+    for (const QRect& f : {field, userField}) {
+        QVERIFY2(f.height() > 0 && f.top() >= 56 && window.contains(f),
+                 qPrintable(QString("field at %1,%2 %3x%4")
+                                .arg(f.x())
+                                .arg(f.y())
+                                .arg(f.width())
+                                .arg(f.height())));
+        QVERIFY2(f.bottom() < panel.top(),
+                 qPrintable(QString("a field ends at y=%1, the keyboard starts at y=%2")
+                                .arg(f.bottom())
+                                .arg(panel.top())));
+    }
+    // While the name was typed, its field was the one in focus: above the keyboard too, and
+    // the screens had not moved, as it had room there.
+    const QJsonObject whileTyped = note.value("whileTyped").toObject();
+    QVERIFY(whileTyped.value("focused").toBool());
+    const QRect typedIn = rect(whileTyped.value("field"));
+    QVERIFY2(typedIn.height() > 0 && typedIn.top() >= 56 && typedIn.bottom() < panel.top(),
+             qPrintable(QString("the name field was at y=%1..%2 while typed in, the keyboard "
+                                "starts at y=%3")
+                            .arg(typedIn.top())
+                            .arg(typedIn.bottom())
+                            .arg(panel.top())));
+    QCOMPARE(whileTyped.value("shift").toDouble(), 0.0);
+    // And the picture shows it: the keyboard where the note says (the login screen without it
+    // is something else there), the field's box as on the login screen without the keyboard,
+    // moved up.
+    const QImage shot = day.screen(kKeyboardScreen);
+    const QImage login = day.screen("01-login");
+    QVERIFY(!shot.isNull() && !login.isNull());
+    QVERIFY(differingPixels(shot, login, panel) > panel.width() * panel.height() / 2);
+}
+
+void TestTerminalScreenshots::bannerStaysAboveTheKeyboard()
+{
+    // A refused login while the keyboard is up (the cashier pressed its Enter key): the message
+    // shows whole between the header and the keyboard, and covers neither field.
+    QFETCH(QString, lang);
+    const QJsonObject note = days.at(lang)->note(kKeyboardScreen);
+    QVERIFY2(!note.isEmpty(), "the walk wrote no note of the keyboard screen");
+    const QRect banner = rect(note.value("banner"));
+    const QRect panel = rect(note.value("panel"));
+    QVERIFY(!panel.isEmpty());
+    QVERIFY2(
+        banner.height() > 0 && banner.top() >= 56,
+        qPrintable(QString("banner from y=%1, %2 high").arg(banner.top()).arg(banner.height())));
+    QVERIFY2(banner.bottom() < panel.top(),
+             qPrintable(QString("the banner ends at y=%1, the keyboard starts at y=%2")
+                            .arg(banner.bottom())
+                            .arg(panel.top())));
+    for (const char* field : {"field", "userField"})
+        QVERIFY2(!banner.intersects(rect(note.value(field))),
+                 qPrintable(QString("the banner (y=%1..%2) covers the %3 (y=%4..%5)")
+                                .arg(banner.top())
+                                .arg(banner.bottom())
+                                .arg(field)
+                                .arg(rect(note.value(field)).top())
+                                .arg(rect(note.value(field)).bottom())));
+}
+
+void TestTerminalScreenshots::keyboardTypedTheName()
+{
+    // The walk emptied the name field and tapped the keyboard's keys b, a, o: the field has
+    // what was typed, letter for letter.
+    QFETCH(QString, lang);
+    const QJsonObject note = days.at(lang)->note(kKeyboardScreen);
+    QVERIFY2(!note.isEmpty(), "the walk wrote no note of the keyboard screen");
+    QCOMPARE(note.value("typed").toString(), QString("bao"));
+    // ... and the logins that followed sent the typed name to the cloud.
+    const QList<kelocloud::CloudExchange> logins =
+        days.at(lang)->cloud->exchanges("/kelo/api/login/", "cashier_login");
+    QVERIFY(!logins.isEmpty());
+    for (const kelocloud::CloudExchange& login : logins) {
+        const QJsonObject dt =
+            QJsonDocument::fromJson(QUrl::fromPercentEncoding(login.param("dt").toUtf8()).toUtf8())
+                .object();
+        QCOMPARE(dt.value("u").toString(), QString("bao"));
+    }
+}
+
+void TestTerminalScreenshots::keyboardIsInTheScreensLanguage()
+{
+    QFETCH(QString, lang);
+    const QJsonObject note = days.at(lang)->note(kKeyboardScreen);
+    QCOMPARE(note.value("locale").toString(), lang == "vi" ? QString("vi_VN") : QString("en_US"));
+    // The two keyboards are not drawn alike (the space bar names its language).
+    const QJsonObject en = days.at("en")->note(kKeyboardScreen);
+    const QRect panel = rect(en.value("panel"));
+    QVERIFY(!panel.isEmpty());
+    QVERIFY(differingPixels(days.at("en")->screen(kKeyboardScreen),
+                            days.at("vi")->screen(kKeyboardScreen), panel) > 100);
 }
 
 QTEST_GUILESS_MAIN(TestTerminalScreenshots)

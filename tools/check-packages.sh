@@ -38,7 +38,7 @@ declare -A depends=(
     [libkelo-dev]="$exact;qtbase5-dev (>= 5.15);libqt5websockets5-dev (>= 5.15)"
     [kelo-cloud]='libqt5core5a (>= ;libssl3 (>= '
     [qml-module-kelo]="$exact;libqt5qml5 (>= ;libqt5quick5 (>= "
-    [kelo-terminal]="qml-module-kelo (= $version);$exact;qml-module-qtquick-controls2;adduser;libqt5quick5 (>= ;libqt5gui5 (>= "
+    [kelo-terminal]="qml-module-kelo (= $version);$exact;qml-module-qtquick-controls2;qtvirtualkeyboard-plugin;adduser;libqt5quick5 (>= ;libqt5gui5 (>= "
 )
 
 declare -A seen=()

@@ -23,6 +23,10 @@ packages=(
     qml6-module-qtqml qml6-module-qtqml-workerscript qml6-module-qtquick qml6-module-qtquick-window
     qml6-module-qtquick-layouts qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qttest
+    # The terminal's on-screen keyboard (the InputPanel inside its window), for both Qt majors;
+    # its layouts load through Qt.labs.folderlistmodel, which Debian does not pull in.
+    qml-module-qtquick-virtualkeyboard qtvirtualkeyboard-plugin qml-module-qt-labs-folderlistmodel
+    qml6-module-qtquick-virtualkeyboard qt6-virtualkeyboard-plugin qml6-module-qt-labs-folderlistmodel
     # The benchmarks (run-bench.sh): instruction counts, and the plots of --scale.
     valgrind gnuplot-nox
     # The network lab (tools/netlab/lab.sh): namespaces, nginx as the picture host (HTTP/2 and

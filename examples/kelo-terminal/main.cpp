@@ -7,6 +7,9 @@
 //   kelo-terminal --server 192.168.1.20:8443 --ca ca.pem --simulator --control-token TOKEN
 //                                          against a kelo-cloud on the shop's LAN
 //   kelo-terminal ... --lang vi|en         Vietnamese or English (default: the system locale's)
+//
+// Text fields open the on-screen keyboard (Qt Virtual Keyboard) in the screens' language;
+// QT_IM_MODULE, when set, chooses another input method.
 #include "terminallanguage.h"
 #include "terminalshell.h"
 
@@ -47,6 +50,11 @@ int main(int argc, char** argv)
         QQuickWindow::setSceneGraphBackend(
             QStringLiteral("software")); // the name both Qt majors take
     }
+    // The on-screen keyboard: Qt Virtual Keyboard's input context, drawn by the InputPanel inside
+    // the window (main.qml), so that it is part of the window on eglfs, linuxfb and in the
+    // screenshots. A user who chose another input method keeps it.
+    if (!qEnvironmentVariableIsSet("QT_IM_MODULE"))
+        qputenv("QT_IM_MODULE", "qtvirtualkeyboard");
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     // qtquickcontrols2.conf names Qt 5's flat "Default" style, which Qt 6 calls "Basic".
     if (!qEnvironmentVariableIsSet("QT_QUICK_CONTROLS_STYLE"))

@@ -2,14 +2,25 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
 #include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMouseEvent>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPixmap>
 #include <QScreen>
 #include <QTextStream>
+#include <QTimer>
 #include <QUrl>
 #include <QUrlQuery>
+
+namespace {
+// How long the finger of tap() stays down: a short touch, well below a press-and-hold.
+constexpr int kTapMs = 40;
+} // namespace
 
 TerminalShell::TerminalShell(const Settings& settings, QObject* parent)
     : QObject(parent), serverHost(settings.serverHost), caFile(settings.caFile),
@@ -31,6 +42,41 @@ bool TerminalShell::saveScreenshot(const QString& name)
     QTextStream(stdout) << "kelo-terminal: " << (saved ? "wrote " : "cannot write ") << path
                         << Qt::endl;
     return saved;
+}
+
+bool TerminalShell::saveNote(const QString& name, const QVariantMap& values)
+{
+    if (screenshotDir.isEmpty() || !QDir().mkpath(screenshotDir))
+        return false;
+    QFile file(QDir(screenshotDir).filePath(name + QStringLiteral(".json")));
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(QJsonDocument(QJsonObject::fromVariantMap(values)).toJson()) > 0;
+}
+
+bool TerminalShell::tap(const QPointF& scenePos)
+{
+    if (!window || !QRectF(QPointF(), window->size()).contains(scenePos))
+        return false;
+    // Straight to the window, as the platform delivers a touch screen's synthesized mouse events:
+    // the keyboard's keys take them like a finger's. The finger is lifted a moment later, from
+    // the event loop, with a later time stamp.
+    const QPointF global = window->mapToGlobal(scenePos.toPoint());
+    static QElapsedTimer clock;
+    if (!clock.isValid())
+        clock.start();
+    QMouseEvent press(QEvent::MouseButtonPress, scenePos, global, Qt::LeftButton, Qt::LeftButton,
+                      Qt::NoModifier);
+    press.setTimestamp(ulong(clock.elapsed()));
+    QCoreApplication::sendEvent(window, &press);
+    QTimer::singleShot(kTapMs, this, [this, scenePos, global] {
+        if (!window)
+            return;
+        QMouseEvent release(QEvent::MouseButtonRelease, scenePos, global, Qt::LeftButton,
+                            Qt::NoButton, Qt::NoModifier);
+        release.setTimestamp(ulong(clock.elapsed()));
+        QCoreApplication::sendEvent(window, &release);
+    });
+    return true;
 }
 
 void TerminalShell::payAsCustomer(const QString& invoiceCode)

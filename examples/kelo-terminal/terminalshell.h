@@ -2,16 +2,18 @@
 
 #include <QNetworkAccessManager>
 #include <QObject>
+#include <QPointF>
 #include <QPointer>
 #include <QQuickWindow>
 #include <QString>
+#include <QVariantMap>
 
 #include <functional>
 
 /**
  * What the terminal's QML needs from its host process: the settings given on the command line,
- * screenshots of the window, and (against the local simulator only) the customer's side of an
- * e-wallet payment.
+ * screenshots of the window (with notes of what the walk measured), taps on the screen for the
+ * walk, and (against the local simulator only) the customer's side of an e-wallet payment.
  */
 class TerminalShell : public QObject
 {
@@ -43,6 +45,13 @@ public:
 
     /// Writes the window as it is now to <screenshotDir>/<name>.png.
     Q_INVOKABLE bool saveScreenshot(const QString& name);
+    /// Writes @p values as a JSON object to <screenshotDir>/<name>.json, beside the screenshot of
+    /// the same name: what the walk measured on that screen (e.g. where the keyboard is).
+    Q_INVOKABLE bool saveNote(const QString& name, const QVariantMap& values);
+    /// Touches the window at @p scenePos (window coordinates) and lifts the finger again, as a
+    /// user's tap: a press now and a release 40 ms later from the event loop, delivered like the
+    /// screen's own. False (nothing sent) without a window or outside it.
+    Q_INVOKABLE bool tap(const QPointF& scenePos);
     /// Asks the simulator to mark @p invoiceCode paid, as the customer's e-wallet app would;
     /// answered by customerPaid().
     Q_INVOKABLE void payAsCustomer(const QString& invoiceCode);

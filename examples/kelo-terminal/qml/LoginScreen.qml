@@ -9,6 +9,8 @@ Item {
     property KeloTerminal terminal
     property alias user: userField.text
     property alias password: passwordField.text
+    property alias userField: userField
+    property alias passwordField: passwordField
     property int role: KeloTerminal.Waiter
 
     function submit() {

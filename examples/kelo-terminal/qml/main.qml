@@ -3,6 +3,8 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import QtQuick.Window 2.15
+import QtQuick.VirtualKeyboard 2.15
+import QtQuick.VirtualKeyboard.Settings 2.15
 import Kelo 1.0
 import "errors.js" as Errors
 import "money.js" as Money
@@ -31,6 +33,17 @@ ApplicationWindow {
     property real walletAmount: 0
     // How the bill being settled was paid, for the message once the till has it.
     property string paymentNote: ""
+    // The screens move up by this much while the on-screen keyboard is up, so that the field
+    // being typed in ends keyboardMargin above the keyboard. The keyboard itself never moves: it
+    // is the bottom of the window.
+    readonly property int keyboardMargin: 12
+    readonly property real keyboardShift: {
+        var field = window.activeFocusItem
+        if (!inputPanel.active || !field || field === content)
+            return 0
+        var r = field.mapToItem(content, 0, 0, field.width, field.height)
+        return Math.max(0, r.y + r.height + keyboardMargin - inputPanel.y)
+    }
 
     KeloTerminal {
         id: terminal
@@ -90,87 +103,117 @@ ApplicationWindow {
         }
     }
 
-    LoginScreen {
-        id: login
-        anchors.fill: parent
-        visible: !terminal.loggedIn
-        terminal: terminal
-    }
-
-    // ---- after login: a rail of pages and the page -------------------------------------------
+    // Everything below the header; moves up while the keyboard would cover the focused field.
     Item {
-        anchors.fill: parent
-        visible: terminal.loggedIn
+        id: content
+        width: parent.width
+        height: parent.height
+        y: -window.keyboardShift
 
-        Rectangle {
-            id: rail
-            width: 96
-            anchors { left: parent.left; top: parent.top; bottom: parent.bottom }
-            color: "#37474f"
-            Column {
-                anchors.top: parent.top; anchors.topMargin: 12
-                width: parent.width
-                spacing: 8
-                Repeater {
-                    model: [ { page: "menu", label: qsTr("Menu") }, { page: "tables", label: qsTr("Tables") } ]
-                    delegate: Rectangle {
-                        width: 80; height: 72; radius: 10
-                        x: 8
-                        color: window.page === modelData.page || (modelData.page === "tables" && window.page === "bill")
-                               ? "#00897b" : "transparent"
-                        Label {
-                            anchors.centerIn: parent
-                            width: parent.width - 8
-                            horizontalAlignment: Text.AlignHCenter
-                            text: modelData.label
-                            color: "white"; font.pixelSize: 17
-                            // "Thực đơn" is about as wide as the rail: shrink rather than touch.
-                            fontSizeMode: Text.HorizontalFit; minimumPixelSize: 12
-                        }
-                        MouseArea {
-                            anchors.fill: parent
-                            onClicked: {
-                                window.page = modelData.page
-                                if (modelData.page === "tables")
-                                    terminal.refreshTables()
+        LoginScreen {
+            id: login
+            anchors.fill: parent
+            visible: !terminal.loggedIn
+            terminal: terminal
+        }
+
+        // ---- after login: a rail of pages and the page -------------------------------------------
+        Item {
+            anchors.fill: parent
+            visible: terminal.loggedIn
+
+            Rectangle {
+                id: rail
+                width: 96
+                anchors { left: parent.left; top: parent.top; bottom: parent.bottom }
+                color: "#37474f"
+                Column {
+                    anchors.top: parent.top; anchors.topMargin: 12
+                    width: parent.width
+                    spacing: 8
+                    Repeater {
+                        model: [ { page: "menu", label: qsTr("Menu") }, { page: "tables", label: qsTr("Tables") } ]
+                        delegate: Rectangle {
+                            width: 80; height: 72; radius: 10
+                            x: 8
+                            color: window.page === modelData.page || (modelData.page === "tables" && window.page === "bill")
+                                   ? "#00897b" : "transparent"
+                            Label {
+                                anchors.centerIn: parent
+                                width: parent.width - 8
+                                horizontalAlignment: Text.AlignHCenter
+                                text: modelData.label
+                                color: "white"; font.pixelSize: 17
+                                // "Thực đơn" is about as wide as the rail: shrink rather than touch.
+                                fontSizeMode: Text.HorizontalFit; minimumPixelSize: 12
+                            }
+                            MouseArea {
+                                anchors.fill: parent
+                                onClicked: {
+                                    window.page = modelData.page
+                                    if (modelData.page === "tables")
+                                        terminal.refreshTables()
+                                }
                             }
                         }
                     }
                 }
             }
+
+            StackLayout {
+                anchors { left: rail.right; right: parent.right; top: parent.top; bottom: parent.bottom }
+                currentIndex: window.page === "menu" ? 0 : window.page === "tables" ? 1 : 2
+                MenuScreen { id: menuScreen; terminal: terminal }
+                TablesScreen {
+                    id: tablesScreen
+                    terminal: terminal
+                    onTableChosen: {
+                        terminal.loadOrders(tableId)
+                        window.page = "bill"
+                    }
+                }
+                BillScreen {
+                    id: billScreen
+                    terminal: terminal
+                    onBack: { window.page = "tables"; terminal.refreshTables() }
+                    onPayInCash: {
+                        window.paymentNote = qsTr("%1 paid in cash").arg(terminal.orders.tableName)
+                        terminal.pay(tableId, amount)
+                    }
+                    onPayByWallet: {
+                        window.walletTable = tableId
+                        window.walletAmount = amount
+                        window.paymentNote = qsTr("%1 paid by e-wallet").arg(terminal.orders.tableName)
+                        qrDialog.amount = amount
+                        qrDialog.tableName = terminal.orders.tableName
+                        terminal.createInvoice(amount, terminal.orders.tableName,
+                                               qsTr("Bill of %1").arg(terminal.orders.tableName))
+                    }
+                }
+            }
         }
 
-        StackLayout {
-            anchors { left: rail.right; right: parent.right; top: parent.top; bottom: parent.bottom }
-            currentIndex: window.page === "menu" ? 0 : window.page === "tables" ? 1 : 2
-            MenuScreen { id: menuScreen; terminal: terminal }
-            TablesScreen {
-                id: tablesScreen
-                terminal: terminal
-                onTableChosen: {
-                    terminal.loadOrders(tableId)
-                    window.page = "bill"
-                }
-            }
-            BillScreen {
-                id: billScreen
-                terminal: terminal
-                onBack: { window.page = "tables"; terminal.refreshTables() }
-                onPayInCash: {
-                    window.paymentNote = qsTr("%1 paid in cash").arg(terminal.orders.tableName)
-                    terminal.pay(tableId, amount)
-                }
-                onPayByWallet: {
-                    window.walletTable = tableId
-                    window.walletAmount = amount
-                    window.paymentNote = qsTr("%1 paid by e-wallet").arg(terminal.orders.tableName)
-                    qrDialog.amount = amount
-                    qrDialog.tableName = terminal.orders.tableName
-                    terminal.createInvoice(amount, terminal.orders.tableName,
-                                           qsTr("Bill of %1").arg(terminal.orders.tableName))
-                }
-            }
-        }
+    } // content
+
+    // The on-screen keyboard, inside the window (not a window of its own): drawn with the
+    // screens, on eglfs and linuxfb too, and in the screenshots. It opens for every text field
+    // (the input method shows it when a field takes focus) in the screens' language.
+    InputPanel {
+        id: inputPanel
+        objectName: "inputPanel"
+        z: 100
+        width: parent.width
+        y: active ? parent.height - height : parent.height
+    }
+    Binding {
+        target: VirtualKeyboardSettings
+        property: "activeLocales"
+        value: ["vi_VN", "en_US"]
+    }
+    Binding {
+        target: VirtualKeyboardSettings
+        property: "locale"
+        value: language.code === "vi" ? "vi_VN" : "en_US"
     }
 
     QrDialog {
@@ -190,7 +233,10 @@ ApplicationWindow {
 
     Banner {
         id: banner
-        anchors { left: parent.left; right: parent.right; bottom: parent.bottom; margins: 16 }
+        anchors { left: parent.left; right: parent.right; margins: 16 }
+        // At the bottom. While the on-screen keyboard is up, at the top: the keyboard has the
+        // bottom, and the field being typed in is just above it (keyboardShift).
+        y: inputPanel.active ? 16 : parent.height - height - 16
         z: 10
     }
 
@@ -207,4 +253,5 @@ ApplicationWindow {
     property alias billScreen: billScreen
     property alias qrDialog: qrDialog
     property alias banner: banner
+    property alias inputPanel: inputPanel
 }
