@@ -7,11 +7,14 @@
 //   kelo-terminal --server 192.168.1.20:8443 --ca ca.pem --simulator --control-token TOKEN
 //                                          against a kelo-cloud on the shop's LAN
 //   kelo-terminal ... --lang vi|en         Vietnamese or English (default: the system locale's)
+//   kelo-terminal ... --ui-map FILE        keeps FILE up to date with where the window's named
+//                                          parts are on the screen, for a driver that taps them
 //
 // Text fields open the on-screen keyboard (Qt Virtual Keyboard) in the screens' language;
 // QT_IM_MODULE, when set, chooses another input method.
 #include "terminallanguage.h"
 #include "terminalshell.h"
+#include "terminaluimap.h"
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -20,6 +23,8 @@
 #include <QQmlContext>
 #include <QQuickWindow>
 #include <QTextStream>
+
+#include <memory>
 
 namespace {
 
@@ -113,7 +118,14 @@ int main(int argc, char** argv)
             "main", "Language of the screens: vi or en (default: the system locale's, now %1).")
             .arg(language.code()),
         QStringLiteral("vi|en"));
-    parser.addOptions({server, ca, merchant, machine, simulator, screenshots, controlToken, lang});
+    const QCommandLineOption uiMap(
+        QStringLiteral("ui-map"),
+        QCoreApplication::translate(
+            "main", "Keep FILE up to date with where the window's buttons, fields and keyboard "
+                    "keys are on the screen (JSON), for a test that taps them from outside."),
+        QStringLiteral("FILE"));
+    parser.addOptions(
+        {server, ca, merchant, machine, simulator, screenshots, controlToken, lang, uiMap});
     parser.process(app);
     if (parser.isSet(lang) && !language.use(parser.value(lang))) {
         QTextStream(stderr) << QCoreApplication::translate(
@@ -157,5 +169,12 @@ int main(int argc, char** argv)
         return 1;
     }
     shell.setWindow(window);
+    // The terminal's one window takes the input focus. A window manager would give it; a kiosk's
+    // bare X server (xinit, no window manager) does not, and without a focus window Qt sends the
+    // text fields' input to nobody: the on-screen keyboard would never open.
+    window->requestActivate();
+    std::unique_ptr<TerminalUiMap> map;
+    if (parser.isSet(uiMap))
+        map = std::make_unique<TerminalUiMap>(window, parser.value(uiMap));
     return app.exec();
 }

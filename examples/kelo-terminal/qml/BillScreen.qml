@@ -38,7 +38,7 @@ Item {
                 font.pixelSize: 28; font.bold: true
                 Layout.fillWidth: true
             }
-            Button { text: qsTr("Back to tables"); font.pixelSize: 16; onClicked: screen.back() }
+            Button { objectName: "backToTables"; text: qsTr("Back to tables"); font.pixelSize: 16; onClicked: screen.back() }
         }
         Rectangle {
             Layout.fillWidth: true
@@ -76,6 +76,7 @@ Item {
             spacing: 16
             Button {
                 Layout.fillWidth: true; Layout.preferredHeight: 64
+                objectName: "payCash"
                 text: qsTr("Paid in cash")
                 font.pixelSize: 20
                 enabled: terminal.orders.total > 0 && !terminal.busy
@@ -83,6 +84,7 @@ Item {
             }
             Button {
                 Layout.fillWidth: true; Layout.preferredHeight: 64
+                objectName: "payWallet"
                 text: qsTr("Pay by e-wallet (QR)")
                 font.pixelSize: 20
                 highlighted: true

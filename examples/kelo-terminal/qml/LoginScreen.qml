@@ -2,6 +2,7 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
+import QtQuick.VirtualKeyboard 2.15
 import Kelo 1.0
 
 Item {
@@ -27,6 +28,7 @@ Item {
         Repeater {
             model: ["en", "vi"]
             delegate: Button {
+                objectName: "lang." + modelData
                 width: 56; height: 40
                 highlighted: language.code === modelData
                 text: modelData.toUpperCase()
@@ -50,13 +52,20 @@ Item {
             Label { text: qsTr("Staff login"); font.pixelSize: 28; font.bold: true }
             TextField {
                 id: userField
+                objectName: "userField"
                 Layout.fillWidth: true
                 placeholderText: qsTr("User name")
                 font.pixelSize: 20
                 inputMethodHints: Qt.ImhNoAutoUppercase | Qt.ImhNoPredictiveText
+                // The password field stays above the keyboard too, for the next tap; the
+                // keyboard's Enter key says "Next" and moves there.
+                property Item keyboardKeepsAbove: passwordField
+                EnterKeyAction.actionId: EnterKeyAction.Next
+                onAccepted: passwordField.forceActiveFocus()
             }
             TextField {
                 id: passwordField
+                objectName: "passwordField"
                 Layout.fillWidth: true
                 placeholderText: qsTr("Password")
                 echoMode: TextInput.Password
@@ -66,17 +75,20 @@ Item {
             RowLayout {
                 spacing: 12
                 RadioButton {
+                    objectName: "role.waiter"
                     text: qsTr("Waiter"); font.pixelSize: 18
                     checked: screen.role === KeloTerminal.Waiter
                     onClicked: screen.role = KeloTerminal.Waiter
                 }
                 RadioButton {
+                    objectName: "role.cashier"
                     text: qsTr("Cashier"); font.pixelSize: 18
                     checked: screen.role === KeloTerminal.Cashier
                     onClicked: screen.role = KeloTerminal.Cashier
                 }
             }
             Button {
+                objectName: "login"
                 Layout.fillWidth: true
                 Layout.preferredHeight: 64
                 text: terminal.busy ? qsTr("Logging in…") : qsTr("Log in")

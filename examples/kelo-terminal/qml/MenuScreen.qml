@@ -102,7 +102,11 @@ Item {
                 font.bold: true
                 color: "#00695c"
             }
-            MouseArea { anchors.fill: parent; onClicked: screen.add(model.itemId) }
+            MouseArea {
+                objectName: "dish." + model.itemId
+                anchors.fill: parent
+                onClicked: screen.add(model.itemId)
+            }
         }
     }
 
@@ -120,6 +124,7 @@ Item {
                 Label { text: qsTr("Table"); font.pixelSize: 16 }
                 ComboBox {
                     id: tableBox
+                    objectName: "tableBox"
                     Layout.fillWidth: true
                     model: terminal.tables
                     textRole: "name"
@@ -159,6 +164,7 @@ Item {
             Button {
                 Layout.fillWidth: true
                 Layout.preferredHeight: 60
+                objectName: "sendOrder"
                 text: qsTr("Send order")
                 font.pixelSize: 20
                 highlighted: true

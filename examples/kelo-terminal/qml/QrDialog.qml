@@ -50,6 +50,7 @@ Popup {
     }
 
     contentItem: ColumnLayout {
+        objectName: "qrDialog"
         spacing: 10
         Label {
             text: qsTr("Scan to pay — %1").arg(dialog.tableName)
@@ -58,6 +59,7 @@ Popup {
         }
         Image {
             id: qr
+            objectName: "qrCode"
             Layout.alignment: Qt.AlignHCenter
             source: dialog.qrSource
             sourceSize: Qt.size(300, 300)
@@ -90,12 +92,14 @@ Popup {
             Layout.alignment: Qt.AlignHCenter
             spacing: 16
             Button {
+                objectName: "cancelPayment"
                 text: qsTr("Cancel payment")
                 font.pixelSize: 16
                 onClicked: dialog.terminal.cancelInvoice(dialog.invoiceCode)
             }
             Button {
                 visible: shell.simulator
+                objectName: "customerPays"
                 text: qsTr("Customer pays (simulator)")
                 font.pixelSize: 16
                 onClicked: shell.payAsCustomer(dialog.invoiceCode)

@@ -31,6 +31,7 @@ Item {
                     spacing: 8
                     Label { text: model.name; font.pixelSize: 24; font.bold: true }
                     Label {
+                        objectName: "tableStatus." + model.tableId
                         text: model.status === "occupied"
                               ? (model.orderCount === 1 ? qsTr("1 order") : qsTr("%1 orders").arg(model.orderCount))
                               : qsTr("Free")
@@ -43,7 +44,11 @@ Item {
                         font.pixelSize: 22
                     }
                 }
-                MouseArea { anchors.fill: parent; onClicked: screen.tableChosen(model.tableId) }
+                MouseArea {
+                    objectName: "table." + model.tableId
+                    anchors.fill: parent
+                    onClicked: screen.tableChosen(model.tableId)
+                }
             }
         }
     }

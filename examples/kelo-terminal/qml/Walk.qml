@@ -15,7 +15,8 @@ QtObject {
 
     // What is left to type on the on-screen keyboard, one tap of its key per poll.
     property string typing: ""
-    // The name field and the screens' shift when the name was typed, for the note.
+    // The name field, the password field below it and the screens' shift when the name was
+    // typed, for the note.
     property var whileTyped: ({})
 
     // The on-screen keyboard's visible key that types @p letter, or null.
@@ -76,6 +77,7 @@ QtObject {
               if (!app.loginScreen.passwordField.activeFocus) {
                   // The name field as it was typed in, before the focus moves on.
                   walk.whileTyped = { field: walk.sceneRect(app.loginScreen.userField),
+                                      next: walk.sceneRect(app.loginScreen.passwordField),
                                       focused: app.activeFocusItem === app.loginScreen.userField,
                                       shift: app.keyboardShift }
                   app.loginScreen.passwordField.forceActiveFocus()

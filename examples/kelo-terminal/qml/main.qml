@@ -34,13 +34,17 @@ ApplicationWindow {
     // How the bill being settled was paid, for the message once the till has it.
     property string paymentNote: ""
     // The screens move up by this much while the on-screen keyboard is up, so that the field
-    // being typed in ends keyboardMargin above the keyboard. The keyboard itself never moves: it
-    // is the bottom of the window.
+    // being typed in ends keyboardMargin above the keyboard. A field may name another that stays
+    // above the keyboard with it (keyboardKeepsAbove: the form's next field), so that a finger
+    // can move on to it: the keyboard would take the tap otherwise. The keyboard itself never
+    // moves: it is the bottom of the window.
     readonly property int keyboardMargin: 12
     readonly property real keyboardShift: {
         var field = window.activeFocusItem
         if (!inputPanel.active || !field || field === content)
             return 0
+        if (field.keyboardKeepsAbove)
+            field = field.keyboardKeepsAbove
         var r = field.mapToItem(content, 0, 0, field.width, field.height)
         return Math.max(0, r.y + r.height + keyboardMargin - inputPanel.y)
     }
@@ -94,6 +98,7 @@ ApplicationWindow {
                 color: "#b0bec5"; font.pixelSize: 16
             }
             ToolButton {
+                objectName: "logout"
                 visible: terminal.loggedIn
                 font.pixelSize: 16
                 contentItem: Label { text: qsTr("Log out"); color: "white"; font.pixelSize: 16; font.underline: true }
@@ -103,11 +108,17 @@ ApplicationWindow {
         }
     }
 
+    // Room kept for a message at the bottom: the screens end above it rather than under it, so
+    // that it never covers their buttons (the bill's pay buttons, the ticket's "Send order"),
+    // where a finger would dismiss the message instead of pressing the button. While the
+    // keyboard is up the message is at the top, over the screens.
+    readonly property real bannerRoom: banner.visible && !inputPanel.active ? banner.height + 32 : 0
+
     // Everything below the header; moves up while the keyboard would cover the focused field.
     Item {
         id: content
         width: parent.width
-        height: parent.height
+        height: parent.height - window.bannerRoom
         y: -window.keyboardShift
 
         LoginScreen {
@@ -148,6 +159,7 @@ ApplicationWindow {
                                 fontSizeMode: Text.HorizontalFit; minimumPixelSize: 12
                             }
                             MouseArea {
+                                objectName: "rail." + modelData.page
                                 anchors.fill: parent
                                 onClicked: {
                                     window.page = modelData.page
@@ -233,6 +245,7 @@ ApplicationWindow {
 
     Banner {
         id: banner
+        objectName: "banner"
         anchors { left: parent.left; right: parent.right; margins: 16 }
         // At the bottom. While the on-screen keyboard is up, at the top: the keyboard has the
         // bottom, and the field being typed in is just above it (keyboardShift).
