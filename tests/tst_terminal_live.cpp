@@ -132,9 +132,10 @@ void TestTerminalLive::initTestCase()
     QVERIFY(QDir().mkpath(shots));
 
     // The X server picks a free display itself and names it on standard output; a screen the
-    // size of the terminal's, its frame buffer in a file, no TCP.
-    xserver.start("Xvfb", {"-displayfd", "1", "-screen", "0", "1024x600x24", "-nolisten", "tcp", "-nocursor",
-                           "-fbdir", work.path()});
+    // size of the terminal's, its frame buffer in a file, no TCP, and no pointer drawn (a touch
+    // screen shows none).
+    xserver.start("Xvfb", {"-displayfd", "1", "-screen", "0", "1024x600x24", "-nolisten", "tcp",
+                           "-nocursor", "-fbdir", work.path()});
     QVERIFY2(xserver.waitForStarted(), qPrintable(xserver.errorString()));
     QTRY_VERIFY_WITH_TIMEOUT(xserver.canReadLine() || xserver.state() != QProcess::Running,
                              kWait);
@@ -188,6 +189,11 @@ void TestTerminalLive::logInOnTheKeyboard()
              qPrintable(QString("the password field ends at y=%1, the keyboard starts at y=%2")
                             .arg(rectOf(field).bottom())
                             .arg(rectOf(keyboard).top())));
+    // The window's map says where the password field is, never what was typed in it.
+    QVERIFY(!item("passwordField").contains("text"));
+    QFile map(work.filePath("map.json"));
+    QVERIFY(map.open(QIODevice::ReadOnly));
+    QVERIFY(!map.readAll().contains("bao123"));
     QVERIFY(shoot("live-01-login-keyboard"));
     QVERIFY2(tap(kEnterKey), qPrintable(why()));
     QVERIFY2(waitFor("rail.menu"), qPrintable(why()));

@@ -14,6 +14,9 @@ packages=(
     qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
     qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
     zbar-tools fonts-dejavu-core
+    # The terminal in a real X window driven by taps (tests/tst_terminal_live.cpp): an X server
+    # of the test's own and XTEST pointer events.
+    xvfb xdotool
     # The terminal's translations (Vietnamese, English): lupdate and lrelease, for both Qt majors.
     qttools5-dev qttools5-dev-tools
     qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools

@@ -169,10 +169,6 @@ int main(int argc, char** argv)
         return 1;
     }
     shell.setWindow(window);
-    // The terminal's one window takes the input focus. A window manager would give it; a kiosk's
-    // bare X server (xinit, no window manager) does not, and without a focus window Qt sends the
-    // text fields' input to nobody: the on-screen keyboard would never open.
-    window->requestActivate();
     std::unique_ptr<TerminalUiMap> map;
     if (parser.isSet(uiMap))
         map = std::make_unique<TerminalUiMap>(window, parser.value(uiMap));

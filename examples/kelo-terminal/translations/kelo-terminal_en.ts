@@ -346,5 +346,9 @@
         <translation>kelo-terminal: the user interface did not load
 </translation>
     </message>
+    <message>
+        <source>Keep FILE up to date with where the window&apos;s buttons, fields and keyboard keys are on the screen (JSON), for a test that taps them from outside.</source>
+        <translation>Keep FILE up to date with where the window&apos;s buttons, fields and keyboard keys are on the screen (JSON), for a test that taps them from outside.</translation>
+    </message>
 </context>
 </TS>

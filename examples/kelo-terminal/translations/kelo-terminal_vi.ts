@@ -346,5 +346,9 @@
         <translation>kelo-terminal: không tải được giao diện
 </translation>
     </message>
+    <message>
+        <source>Keep FILE up to date with where the window&apos;s buttons, fields and keyboard keys are on the screen (JSON), for a test that taps them from outside.</source>
+        <translation>Cập nhật liên tục FILE với vị trí các nút, ô nhập và phím bàn phím của cửa sổ trên màn hình (JSON), cho một bài kiểm thử chạm vào chúng từ bên ngoài.</translation>
+    </message>
 </context>
 </TS>
