@@ -15,8 +15,8 @@ packages=(
     qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
     zbar-tools fonts-dejavu-core
     # The terminal in a real X window driven by taps (tests/tst_terminal_live.cpp): an X server
-    # of the test's own and XTEST pointer events.
-    xvfb xdotool
+    # of the test's own and XTEST pointer events; Mesa's software OpenGL, Qt Quick's renderer there.
+    xvfb xdotool libgl1-mesa-dri
     # The terminal's translations (Vietnamese, English): lupdate and lrelease, for both Qt majors.
     qttools5-dev qttools5-dev-tools
     qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
