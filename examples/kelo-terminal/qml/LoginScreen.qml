@@ -58,7 +58,7 @@ Item {
                 font.pixelSize: 20
                 inputMethodHints: Qt.ImhNoAutoUppercase | Qt.ImhNoPredictiveText
                 // The password field stays above the keyboard too, for the next tap; the
-                // keyboard's Enter key says "Next" and moves there.
+                // keyboard's Enter key moves there.
                 property Item keyboardKeepsAbove: passwordField
                 EnterKeyAction.actionId: EnterKeyAction.Next
                 onAccepted: passwordField.forceActiveFocus()
