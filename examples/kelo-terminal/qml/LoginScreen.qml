@@ -14,6 +14,16 @@ Item {
     property alias passwordField: passwordField
     property int role: KeloTerminal.Waiter
 
+    // Logged in, the screen goes, and so do its fields' focus and the on-screen keyboard: Qt 6
+    // keeps both on a field that is no longer shown, and the keyboard would lie over the menu.
+    onVisibleChanged: {
+        if (!visible && (userField.activeFocus || passwordField.activeFocus)) {
+            userField.focus = false
+            passwordField.focus = false
+            Qt.inputMethod.hide()
+        }
+    }
+
     function submit() {
         if (user.length > 0 && !terminal.busy)
             terminal.login(user, password, role)
