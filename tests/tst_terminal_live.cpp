@@ -52,15 +52,14 @@ QImage frameBuffer(const QString& path)
     const auto field = [&xwd](int index) {
         return qFromBigEndian<quint32>(xwd.constData() + 4 * index);
     };
-    const quint32 headerSize = field(0), width = field(4), height = field(5),
-                  byteOrder = field(7), bitsPerPixel = field(11), bytesPerLine = field(12),
-                  colours = field(19);
+    const quint32 headerSize = field(0), width = field(4), height = field(5), byteOrder = field(7),
+                  bitsPerPixel = field(11), bytesPerLine = field(12), colours = field(19);
     const qint64 pixels = qint64(headerSize) + qint64(colours) * 12;
     if (bitsPerPixel != 32 || byteOrder != 0 /* LSBFirst */ ||
         xwd.size() < pixels + qint64(bytesPerLine) * height)
         return {};
-    return QImage(reinterpret_cast<const uchar*>(xwd.constData() + pixels), int(width),
-                  int(height), int(bytesPerLine), QImage::Format_RGB32)
+    return QImage(reinterpret_cast<const uchar*>(xwd.constData() + pixels), int(width), int(height),
+                  int(bytesPerLine), QImage::Format_RGB32)
         .copy();
 }
 
@@ -137,8 +136,7 @@ void TestTerminalLive::initTestCase()
     xserver.start("Xvfb", {"-displayfd", "1", "-screen", "0", "1024x600x24", "-nolisten", "tcp",
                            "-nocursor", "-fbdir", work.path()});
     QVERIFY2(xserver.waitForStarted(), qPrintable(xserver.errorString()));
-    QTRY_VERIFY_WITH_TIMEOUT(xserver.canReadLine() || xserver.state() != QProcess::Running,
-                             kWait);
+    QTRY_VERIFY_WITH_TIMEOUT(xserver.canReadLine() || xserver.state() != QProcess::Running, kWait);
     display = ":" + QString::fromLatin1(xserver.readLine()).trimmed();
     QVERIFY2(display.size() > 1, xserver.readAllStandardError().constData());
 
@@ -149,13 +147,13 @@ void TestTerminalLive::initTestCase()
     env.remove("QT_QUICK_BACKEND");
     terminal.setProcessEnvironment(env);
     terminal.setProcessChannelMode(QProcess::MergedChannels);
-    terminal.start(KELO_TERMINAL, {"--server", cloud.hostPort(), "--ca",
-                                   cloud->caCertificatePath(), "--lang", "en", "--simulator",
-                                   "--ui-map", work.filePath("map.json")});
+    terminal.start(KELO_TERMINAL,
+                   {"--server", cloud.hostPort(), "--ca", cloud->caCertificatePath(), "--lang",
+                    "en", "--simulator", "--ui-map", work.filePath("map.json")});
     QVERIFY2(terminal.waitForStarted(), qPrintable(terminal.errorString()));
     QVERIFY2(waitFor("userField"), qPrintable(why()));
-    QVERIFY(xdotool({"mousemove", QString::number(kPointerRest.x()),
-                     QString::number(kPointerRest.y())}));
+    QVERIFY(xdotool(
+        {"mousemove", QString::number(kPointerRest.x()), QString::number(kPointerRest.y())}));
 }
 
 void TestTerminalLive::cleanupTestCase()
@@ -198,8 +196,7 @@ void TestTerminalLive::logInOnTheKeyboard()
     QVERIFY2(tap(kEnterKey), qPrintable(why()));
     QVERIFY2(waitFor("rail.menu"), qPrintable(why()));
     QVERIFY2(waitFor("logout"), qPrintable(why()));
-    QVERIFY2(item("inputPanel").isEmpty() ||
-                 rectOf(item("inputPanel")).top() >= 600,
+    QVERIFY2(item("inputPanel").isEmpty() || rectOf(item("inputPanel")).top() >= 600,
              "the keyboard stayed up after the login");
 }
 
@@ -290,8 +287,9 @@ void TestTerminalLive::qrCodeReadsAsThePayload()
     const QList<kelocloud::CloudExchange> creates =
         cloud->exchanges("/kelo/api/invoice/", QStringLiteral("create"));
     QCOMPARE(creates.size(), 1);
-    const QString expected = QString("kelopay://pay?merchant=M01&invoice=INV%23000001&amount=%1")
-                                 .arg(dataOf(creates.first()).value("amount").toVariant().toString());
+    const QString expected =
+        QString("kelopay://pay?merchant=M01&invoice=INV%23000001&amount=%1")
+            .arg(dataOf(creates.first()).value("amount").toVariant().toString());
     QString error;
     const QString read = readQrCode(QDir(shots).filePath("live-05-qr.png"), &error);
     QVERIFY2(error.isEmpty(), qPrintable(error));

@@ -190,8 +190,7 @@ void TestTerminalScreenshots::invoiceQrReadsAsThePayload()
                                  .arg(dt.value("amount").toVariant().toString());
 
     QString error;
-    const QString read =
-        readQrCode(QDir(day.shots.path()).filePath("06-invoice-qr.png"), &error);
+    const QString read = readQrCode(QDir(day.shots.path()).filePath("06-invoice-qr.png"), &error);
     QVERIFY2(error.isEmpty(), qPrintable(error));
     QCOMPARE(read, expected);
 }

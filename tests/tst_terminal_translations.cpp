@@ -109,11 +109,12 @@ void TestTerminalTranslations::initTestCase()
     lupdate.setWorkingDirectory(QStringLiteral(KELO_TERMINAL_SOURCE_DIR));
     lupdate.setProcessChannelMode(QProcess::MergedChannels);
     // Every C++ source of the terminal and its QML: a new source is read without a change here.
-    const QStringList sources =
-        QDir(QStringLiteral(KELO_TERMINAL_SOURCE_DIR)).entryList({"*.cpp"}, QDir::Files, QDir::Name);
+    const QStringList sources = QDir(QStringLiteral(KELO_TERMINAL_SOURCE_DIR))
+                                    .entryList({"*.cpp"}, QDir::Files, QDir::Name);
     QVERIFY(sources.contains("main.cpp"));
     lupdate.start(QStringLiteral(KELO_LUPDATE), QStringList{"-no-obsolete", "-locations", "none"}
-                                                    << sources << "qml" << "-ts" << fresh);
+                                                    << sources << "qml"
+                                                    << "-ts" << fresh);
     QVERIFY2(lupdate.waitForFinished(60000), qPrintable(lupdate.errorString()));
     QVERIFY2(lupdate.exitCode() == 0, lupdate.readAll().constData());
     QString error;

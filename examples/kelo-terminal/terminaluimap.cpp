@@ -56,7 +56,8 @@ void TerminalUiMap::collect(QQuickItem* item, QJsonArray* items) const
                           {QStringLiteral("enabled"), item->isEnabled()}};
         const QVariant text = item->property("text");
         const QVariant echo = item->property("echoMode");
-        if (text.userType() == QMetaType::QString && (!echo.isValid() || echo.toInt() == kEchoNormal))
+        if (text.userType() == QMetaType::QString &&
+            (!echo.isValid() || echo.toInt() == kEchoNormal))
             entry.insert(QStringLiteral("text"), text.toString());
         for (const char* flag : {"checked", "good"}) {
             const QVariant value = item->property(flag);
@@ -76,12 +77,12 @@ void TerminalUiMap::write()
     QJsonArray items;
     collect(window->contentItem(), &items);
     const QQuickItem* focus = window->activeFocusItem();
-    const QByteArray map = QJsonDocument(QJsonObject{
-                                             {QStringLiteral("focus"),
-                                              focus ? focus->objectName() : QString()},
-                                             {QStringLiteral("items"), items},
-                                         })
-                               .toJson(QJsonDocument::Compact);
+    const QByteArray map =
+        QJsonDocument(QJsonObject{
+                          {QStringLiteral("focus"), focus ? focus->objectName() : QString()},
+                          {QStringLiteral("items"), items},
+                      })
+            .toJson(QJsonDocument::Compact);
     if (map == written)
         return;
     QSaveFile file(path);
