@@ -55,6 +55,8 @@ if [ "${1:-}" = "--day" ]; then
         echo "taken away, loses packets, turns to 4G and back, and kelo-cloud is killed and started"
         echo "again. The books and their limits are described at the top of bench/day.cpp. The run took"
         echo "$((wall / 60)) min $((wall % 60)) s end to end (build up to date, lab up and down included)."
+        echo "Where the slow rise of resident memory comes from: docs/performance.md, \"The shop day's"
+        echo "resident memory\"."
         echo
         if [ -s "$build/day.md" ]; then cat "$build/day.md"; else echo "The day wrote no report (exit status $status)."; fi
         echo
